@@ -1,0 +1,282 @@
+/*
+ * lmq: the platform's message queue.
+ *
+ * A message server (lmq_server) connects any number of clients. Each client
+ * owns a bounded receive queue in memory that its creator provides; every
+ * message is copied whole into the receiver's queue at send time, so a
+ * sender never waits for a receiver.
+ *
+ * Services are named and get 16-bit ids from lmqRegisterPlainId. A client
+ * may host a service (it then receives every command sent to the service)
+ * or subscribe to it (it then receives every notification of the service).
+ * A service may have several hosts and many subscribers.
+ *
+ * Addresses. Every received message comes with an lmq_rx_info whose reply
+ * address names the sending client; the address is 20 plain bytes that may
+ * be copied, kept and used later with lmqCXReply, which delivers to that
+ * one client. Addresses hold no pointers, so they can travel between
+ * processes.
+ *
+ * System messages. When a client subscribes to a service that has a host,
+ * or starts hosting a service that has subscribers, lmq queues system
+ * messages (kind 0 in the reply address):
+ *   - each host concerned receives LMQ_SYSMSG_SUBSCRIBER_PRESENT (a
+ *     subscriber is there), once per new subscriber;
+ *   - each subscriber concerned receives LMQ_SYSMSG_HOST_PRESENT (a host is
+ *     there), once per new host.
+ * The order of hosting and subscribing does not matter. A client is never
+ * paired with itself. A system message is LMQ_SYSMSG_SIZE bytes: the
+ * 28-byte header in protocol order (protocol byte 0x82, 7 words, type,
+ * subtype, size) followed by the service id (16 bits, big-endian). Its
+ * reply address carries the service concerned and names the other client
+ * of the pair. A system message that finds no room in a queue is dropped
+ * and logged; it never makes lmqHostService or lmqSubscribeService fail.
+ * lmqCXHandleSystemMessage decodes them.
+ *
+ * Queues. Each queued message takes its size plus LMQ_QUEUE_ENTRY_OVERHEAD
+ * bytes of its receiver's queue, so a queue of n bytes can never take a
+ * message larger than n - LMQ_QUEUE_ENTRY_OVERHEAD (-90).
+ *
+ * Threads. Any thread may send to any client; one thread receives per
+ * client. Functions return 0 (or a positive length) on success and a
+ * negative errno on failure:
+ *   -22  (EINVAL)    null or invalid argument
+ *   -2   (ENOENT)    unknown service id or client not attached
+ *   -17  (EEXIST)    already hosting/subscribed/attached
+ *   -12  (ENOMEM)    no memory for a table entry
+ *   -90  (EMSGSIZE)  message larger than LMQ_MAX_MESSAGE_SIZE, than the
+ *                    receiver's queue, or than the receive buffer
+ *   -105 (ENOBUFS)   the receiver's queue is full (the send fails at once,
+ *                    never blocks, and the queue stays intact)
+ *   -113 (EHOSTUNREACH) a command for a service without host, or a reply
+ *                    to a client that is gone
+ *   -215             lmqCXReceive's timeout ran out
+ *
+ * Time. Receive timeouts run on the platform's uptime clock, so the clock's
+ * test hook (cspOsalTestAdvanceUptime) ends them without real waiting.
+ */
+#ifndef PLATFORM_LMQ_H
+#define PLATFORM_LMQ_H
+
+#include <stdint.h>
+
+#include "platform/csp_export.h"
+#include "platform/csp_osal.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define LMQ_TIMEOUT (-215)
+#define LMQ_MAX_MESSAGE_SIZE 8191u
+#define LMQ_HEADER_SIZE 28u
+#define LMQ_SERVICE_NAME_MAX 64u
+#define LMQ_QUEUE_ENTRY_OVERHEAD 24u
+#define LMQ_SYSMSG_SIZE (LMQ_HEADER_SIZE + 2u)
+
+/* System message types, with subtype LMQ_SYSMSG_SUBTYPE_PRESENT. */
+#define LMQ_SYSMSG_HOST_PRESENT 0x185627F3u
+#define LMQ_SYSMSG_SUBSCRIBER_PRESENT 0x185627F4u
+#define LMQ_SYSMSG_SUBTYPE_PRESENT 1u
+
+/* Kind byte of an address. Zero is a system message, others application. */
+#define LMQ_KIND_SYSTEM 0u
+#define LMQ_KIND_COMMAND 1u
+#define LMQ_KIND_REPLY 2u
+#define LMQ_KIND_NOTIFY 3u
+#define LMQ_KIND_SELF 4u
+
+/* Reply address: 20 bytes that name a client. */
+typedef struct lmq_address {
+  uint32_t node;      /* bytes 0..3: the message server of the client */
+  uint32_t client;    /* bytes 4..7: client number, never reused */
+  int16_t service_id; /* bytes 8..9: service the message belongs to, -1 none */
+  uint8_t kind;       /* byte 10: LMQ_KIND_* */
+  uint8_t reserved0;  /* byte 11 */
+  uint32_t sequence;  /* bytes 12..15: sender's message counter */
+  uint32_t reserved1; /* bytes 16..19 */
+} lmq_address;
+
+/* Filled by lmqCXReceive. Words 0..2, then the reply address (words 3..7). */
+typedef struct lmq_rx_info {
+  uint32_t status;   /* word 0: 0 */
+  uint32_t count;    /* word 1: messages taken from this client's queue so
+                        far, this one included (also one dropped by -90) */
+  uint32_t size;     /* word 2: received size in bytes */
+  lmq_address reply; /* words 3..7 */
+} lmq_rx_info;
+
+/* One entry of a gather (send) or scatter (receive) vector. */
+typedef struct lmq_iovec {
+  void *base;
+  uint32_t len;
+} lmq_iovec;
+
+/* The 28-byte message header in host form. */
+typedef struct lmq_msg_header {
+  uint8_t protocol;  /* low 7 bits protocol number, top bit set */
+  uint8_t words;     /* header length in 32-bit words: 7 */
+  uint16_t reserved0;
+  uint32_t type;
+  uint32_t subtype;
+  uint32_t size;  /* whole message, header included */
+  uint32_t size2; /* the same again */
+  uint32_t reserved1[2];
+} lmq_msg_header;
+
+typedef struct lmq_server lmq_server;
+
+/* Client record: created zeroed by the caller (sizeof(lmq_client)), made a
+ * client by lmqClientInit. Its contents are private. */
+#define LMQ_CLIENT_BYTES 320u
+typedef struct lmq_client {
+  union {
+    unsigned char bytes[LMQ_CLIENT_BYTES];
+    uint64_t align;
+    void *align_ptr;
+  } u;
+} lmq_client;
+
+/* Called by lmqCXHandleSystemMessage for a decoded system message. */
+typedef void (*lmq_sysmsg_cb)(void *context, uint32_t type, uint32_t subtype, int16_t service_id);
+typedef struct lmq_sysmsg_pair {
+  void *context;
+  lmq_sysmsg_cb callback;
+} lmq_sysmsg_pair;
+
+/* --- Server ---------------------------------------------------------- */
+
+/* Creates a message server and registers it as a listener of the uptime
+ * clock's test hook. Returns 0 and *server, or -22, -12 (no memory, or the
+ * clock's listener table is full). */
+CSP_EXPORT int lmqServerCreate(lmq_server **server);
+
+/* Destroys a server. Clients still attached are detached first (their
+ * queues keep what they hold). Returns 0 or -22. */
+CSP_EXPORT int lmqServerDestroy(lmq_server *server);
+
+/* Attaches an initialised client, which gets a client number that this
+ * server never gives again. Returns 0, -22, -17 (attached to this or
+ * another server). */
+CSP_EXPORT int lmqServerAddClient(lmq_server *server, lmq_client *client);
+
+/* Detaches a client: ends its hosting and subscriptions and makes its
+ * address unreachable. Returns 0, -22, -2. */
+CSP_EXPORT int lmqServerRemoveClient(lmq_server *server, lmq_client *client);
+
+/* --- Services -------------------------------------------------------- */
+
+/* Gives the id of the service named by name_size bytes (a trailing zero
+ * included or not: the name ends at the first zero byte). The same name
+ * gets the same id; each call counts a reference. Returns 0 and *id, or
+ * -22 (null, empty or longer than LMQ_SERVICE_NAME_MAX), -12 (no memory,
+ * or all 32767 ids in use). Ids are positive. */
+CSP_EXPORT int lmqRegisterPlainId(lmq_server *server, const char *name, uint32_t name_size,
+                                  int16_t *id);
+
+/* Drops one reference of a service id; the last one frees the name and its
+ * hosts and subscribers. Returns 0, -22, -2. */
+CSP_EXPORT int lmqUnRegisterPlainId(lmq_server *server, int16_t id);
+
+/* Makes the attached client a host / subscriber of a service. flags must
+ * be 0. Returns 0, -22, -2 (unknown id or client not attached), -17, -12. */
+CSP_EXPORT int lmqHostService(lmq_client *client, int16_t id, uint32_t flags);
+CSP_EXPORT int lmqSubscribeService(lmq_client *client, int16_t id, uint32_t flags);
+
+/* The inverse operations. Return 0, -22, -2 (not hosting / subscribed). */
+CSP_EXPORT int lmqUnHostService(lmq_client *client, int16_t id);
+CSP_EXPORT int lmqUnSubscribeService(lmq_client *client, int16_t id);
+
+/* --- Clients --------------------------------------------------------- */
+
+/* Makes a client out of a zeroed record and a receive queue of queue_size
+ * bytes owned by the caller (at least 64 bytes), which must stay valid
+ * until lmqClientRelease. Returns 0, -22 (null, queue too small, or
+ * already a client), or the -errno of the mutex or condition set-up. */
+CSP_EXPORT int lmqClientInit(lmq_client *client, void *queue, uint32_t queue_size);
+
+/* Releases a client that is no longer attached; messages still queued are
+ * dropped. Returns 0 or -22 (not initialised, or still attached). */
+CSP_EXPORT int lmqClientRelease(lmq_client *client);
+
+/* Stores the client's own address (kind 0, service -1), e.g. for tests.
+ * Returns 0, -22, -2 (not attached). */
+CSP_EXPORT int lmqClientAddress(const lmq_client *client, lmq_address *address);
+
+/* --- Sending: each gathers count entries into one message ------------ */
+
+/* The vector's entries are copied, in order, into each receiver's queue
+ * before the call returns; an entry of length 0 may have a null base. A
+ * message of 0 bytes, a null vector or non-zero flags give -22; a sender
+ * that is not attached gets -2 (except for lmqCXNotifySelf). Each send
+ * counts one in the sender's sequence, which the receiver sees in the
+ * reply address. */
+
+/* To every host of the service. If some host's queue refuses the message,
+ * the others still get it and the first error is returned. flags must be
+ * 0. Returns 0, -22, -2, -90, -105, -113. */
+CSP_EXPORT int lmqCXSendCommand(lmq_client *client, int16_t service_id, const lmq_iovec *vector,
+                                uint32_t count, uint32_t flags);
+
+/* To the one client that the address names. The receiver's reply address
+ * names the sender, with the service id taken from the address used.
+ * An address of another node or of a client that is no longer attached
+ * gives -113. Returns 0, -22, -2, -90, -105, -113. */
+CSP_EXPORT int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *vector,
+                          uint32_t count, uint32_t flags);
+
+/* To every subscriber of the service (none is not an error). Returns as
+ * lmqCXSendCommand, without -113. */
+CSP_EXPORT int lmqCXNotify(lmq_client *client, int16_t service_id, const lmq_iovec *vector,
+                           uint32_t count, uint32_t flags);
+
+/* To the sender's own queue, service id -1; the client need not be
+ * attached. Another thread may use it to wake the client's receiver.
+ * Returns 0, -22, -90, -105. */
+CSP_EXPORT int lmqCXNotifySelf(lmq_client *client, const lmq_iovec *vector, uint32_t count,
+                               uint32_t flags);
+
+/* --- Receiving ------------------------------------------------------- */
+
+/*
+ * Takes the next message of the client's queue into the vector's buffers,
+ * filled in order, and fills *info. A null timeout waits for ever; else
+ * the wait ends after *timeout (relative, uptime clock) with LMQ_TIMEOUT.
+ * A zero or negative timeout takes a queued message or returns LMQ_TIMEOUT
+ * at once. Returns the message size (> 0), LMQ_TIMEOUT, -22, or -90 when
+ * the message is larger than the buffers: it is then dropped whole (never
+ * cut) and *info describes it, info->size telling its size. Only the
+ * client's one receiving thread may call this.
+ */
+CSP_EXPORT int lmqCXReceive(lmq_client *client, const lmq_iovec *vector, uint32_t count,
+                            lmq_rx_info *info, const _cspOsalTime_struct *timeout);
+
+/* Decodes a received system message (kind 0) held in the vector and calls
+ * pair->callback(pair->context, type, subtype, service id) on the calling
+ * thread, with no lmq lock held. Returns 0, or -22 for an invalid server,
+ * client or pair, or when it is not a well-formed system message (nothing
+ * is called then). */
+CSP_EXPORT int lmqCXHandleSystemMessage(lmq_server *server, lmq_client *client,
+                                        const lmq_sysmsg_pair *pair, const lmq_rx_info *info,
+                                        const lmq_iovec *vector, uint32_t count);
+
+/* --- Header ---------------------------------------------------------- */
+
+/* Convert the 28-byte header between host form and protocol (big-endian)
+ * order. destination and source may be the same. Return 0 or -22. */
+CSP_EXPORT int lmqMessageHeaderToProtocol(void *destination, const lmq_msg_header *source);
+CSP_EXPORT int lmqMessageHeaderToHost(lmq_msg_header *destination, const void *source);
+
+/* Checks the framing of a received message of info->size bytes in buffer
+ * (protocol order): the size fits the buffer and is at least the header,
+ * the header's word count is 7, and both size fields equal info->size.
+ * Sets *payload to the first byte after the header. Returns 0, -22 for
+ * null arguments, -74 (EBADMSG) for broken framing. */
+CSP_EXPORT int lmqMessageHeaderValidate(void **payload, const lmq_rx_info *info, const void *buffer,
+                                        uint32_t buffer_size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

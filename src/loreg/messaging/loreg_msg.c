@@ -1,0 +1,246 @@
+#include "loreg/loreg_msg.h"
+
+#include <assert.h>
+#include <stddef.h>
+#include <string.h>
+
+#include "common/loreg_debug.h"
+
+_Static_assert(sizeof(loreg_Header_t) == 32, "loreg_Header_t is 32 bytes on the wire");
+_Static_assert(offsetof(loreg_Header_t, reserved1) == 28, "loreg_Header_t field layout");
+
+const __csp_EndianInfoEntry __csp_EndianInfoEntries_loreg_Header_t[11] = {
+    {0, 2, 0},  /* msgtype */
+    {2, 2, 0},  /* reserved0 */
+    {4, 4, 0},  /* reqid */
+    {8, 4, 0},  /* arg0 */
+    {12, 4, 0}, /* arg1 */
+    {16, 4, 0}, /* tid */
+    {20, 4, 0}, /* result */
+    {24, 2, 0}, /* len0 */
+    {26, 2, 0}, /* len1 */
+    {28, 4, 0}, /* reserved1 */
+    {0, 0, CSP_ENDIAN_END},
+};
+
+const __csp_EndianTable __csp_EndianTable_loreg_Header_t = {
+    sizeof(loreg_Header_t),
+    __csp_EndianInfoEntries_loreg_Header_t,
+};
+
+/* The two zero bytes between data0 and data1. They make data0 a terminated
+ * text in the receiver's buffer without a copy. */
+static const char _loreg_guard[LOREG_GUARD_SIZE] = {0, 0};
+
+/* The four ways a message leaves; they differ only in the final lmq call. */
+typedef enum {
+  _LOREG_SEND_COMMAND,
+  _LOREG_SEND_REPLY,
+  _LOREG_SEND_NOTIFY,
+  _LOREG_SEND_SELF,
+} _loreg_send_kind;
+
+static const char *const _loreg_send_lmq_names[] = {
+    "lmqCXSendCommand",
+    "lmqCXReply",
+    "lmqCXNotify",
+    "lmqCXNotifySelf",
+};
+
+/* lmq_iovec holds a non-const pointer although lmq only reads sent data. */
+static void *_loreg_unconst(const void *p) {
+  return (void *)(uintptr_t)p;
+}
+
+/*
+ * The one routine behind the four send operations. Builds the gather
+ * vector [lmq header, loreg header, data0?, guard, prefix?, data1?] on the
+ * stack, so that only the two headers are written here and the caller's
+ * bytes go out where they lie.
+ */
+static int _loreg_send(_loreg_send_kind kind, const char *caller, lmq_client *client,
+                       int16_t service_id, const lmq_address *address, const loreg_msg *msg) {
+  unsigned char lmq_wire[LMQ_HEADER_SIZE];
+  unsigned char header_wire[LOREG_HEADER_SIZE];
+  lmq_msg_header lmq_header;
+  loreg_Header_t header;
+  lmq_iovec vector[6];
+  uint32_t count = 0;
+  uint32_t prefix_len = 0;
+  uint32_t size = LOREG_MSG_MIN_SIZE;
+  int rc;
+
+  /* The header changes below (len1 grows by the prefix); the caller's
+   * message stays as it is. */
+  header = msg->header;
+  if (msg->prefix != NULL) prefix_len = (uint32_t)strlen(msg->prefix);
+
+  vector[count].base = lmq_wire;
+  vector[count++].len = LMQ_HEADER_SIZE;
+  vector[count].base = header_wire;
+  vector[count++].len = LOREG_HEADER_SIZE;
+  if (header.len0 > 0) {
+    vector[count].base = msg->data0;
+    vector[count++].len = header.len0;
+    size += header.len0;
+  }
+  vector[count].base = _loreg_unconst(_loreg_guard);
+  vector[count++].len = LOREG_GUARD_SIZE;
+  if (prefix_len > 0) {
+    vector[count].base = _loreg_unconst(msg->prefix);
+    vector[count++].len = prefix_len;
+    size += prefix_len;
+  }
+  if (header.len1 > 0) {
+    vector[count].base = msg->data1;
+    vector[count++].len = header.len1;
+    size += header.len1;
+  }
+  assert(count >= 3 && count <= 6);
+
+  memset(&lmq_header, 0, sizeof(lmq_header));
+  lmq_header.protocol = LOREG_LMQ_PROTOCOL_BYTE;
+  lmq_header.words = LOREG_LMQ_HEADER_WORDS;
+  lmq_header.type = LOREG_LMQ_MSG_TYPE;
+  lmq_header.subtype = LOREG_LMQ_MSG_SUBTYPE;
+  lmq_header.size = size;
+  lmq_header.size2 = size;
+
+  /* The receiver sees prefix and data1 as one area. */
+  header.len1 = (uint16_t)(header.len1 + prefix_len);
+
+  lmqMessageHeaderToProtocol(lmq_wire, &lmq_header);
+  cspHostToProtocol(header_wire, &header, &__csp_EndianTable_loreg_Header_t);
+
+  switch (kind) {
+    case _LOREG_SEND_COMMAND:
+      rc = lmqCXSendCommand(client, service_id, vector, count, 0);
+      break;
+    case _LOREG_SEND_REPLY:
+      rc = lmqCXReply(client, address, vector, count, 0);
+      break;
+    case _LOREG_SEND_NOTIFY:
+      rc = lmqCXNotify(client, service_id, vector, count, 0);
+      break;
+    case _LOREG_SEND_SELF:
+    default:
+      rc = lmqCXNotifySelf(client, vector, count, 0);
+      break;
+  }
+  if (rc < 0) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(msgtype=0x%04x): %s() failed. (lmq code %d)\n",
+              caller, (unsigned)msg->header.msgtype, _loreg_send_lmq_names[kind], rc);
+    return rc;
+  }
+  return 0;
+}
+
+int loreg_send_command(lmq_client *client, int16_t service_id, const loreg_msg *msg) {
+  if (msg == NULL) return -22;
+  return _loreg_send(_LOREG_SEND_COMMAND, __func__, client, service_id, NULL, msg);
+}
+
+int loreg_send_reply(lmq_client *client, const loreg_msg *msg, const lmq_address *reply_address) {
+  if (msg == NULL) return -22;
+  return _loreg_send(_LOREG_SEND_REPLY, __func__, client, -1, reply_address, msg);
+}
+
+int loreg_send_notification(lmq_client *client, int16_t service_id, const loreg_msg *msg) {
+  if (msg == NULL) return -22;
+  return _loreg_send(_LOREG_SEND_NOTIFY, __func__, client, service_id, NULL, msg);
+}
+
+int loreg_send_self_notification(lmq_client *client, const loreg_msg *msg) {
+  if (msg == NULL) return -22;
+  return _loreg_send(_LOREG_SEND_SELF, __func__, client, -1, NULL, msg);
+}
+
+int loreg_validate_msg(loreg_msg *msg, void *buffer, uint32_t buffer_size,
+                       const lmq_rx_info *info) {
+  lmq_msg_header lmq_header;
+  void *payload = NULL;
+  unsigned char *body;
+  uint32_t rest;
+  uint32_t areas;
+  int rc;
+
+  if (msg == NULL) return -22;
+  rc = lmqMessageHeaderValidate(&payload, info, buffer, buffer_size);
+  if (rc != 0) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): lmqMessageHeaderValidate() failed. (code %d)\n",
+              __func__, rc);
+    return rc;
+  }
+  lmqMessageHeaderToHost(&lmq_header, buffer);
+  if ((lmq_header.protocol & 0x7Fu) != LOREG_LMQ_PROTOCOL) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): wrong lmq header protocol (%d)\n", __func__,
+              (int)(lmq_header.protocol & 0x7Fu));
+    return LOREG_ERR_NOT_REGISTRY;
+  }
+  if (lmq_header.type != LOREG_LMQ_MSG_TYPE) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): wrong lmq header msg type (0x%08x)\n", __func__,
+              (unsigned)lmq_header.type);
+    return LOREG_ERR_NOT_REGISTRY;
+  }
+  if (lmq_header.subtype != LOREG_LMQ_MSG_SUBTYPE) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): wrong lmq header msg subtype (0x%08x)\n",
+              __func__, (unsigned)lmq_header.subtype);
+    return LOREG_ERR_NOT_REGISTRY;
+  }
+
+  body = (unsigned char *)payload;
+  rest = info->size - (uint32_t)(body - (unsigned char *)buffer);
+  if (rest < LOREG_HEADER_SIZE + LOREG_GUARD_SIZE) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): incomplete loreg header + guard\n", __func__);
+    return LOREG_ERR_BAD_LENGTHS;
+  }
+  rest -= LOREG_HEADER_SIZE + LOREG_GUARD_SIZE;
+  cspProtocolToHost(&msg->header, body, &__csp_EndianTable_loreg_Header_t);
+
+  areas = (uint32_t)msg->header.len0 + msg->header.len1;
+  if (areas > rest) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG,
+              "%s(): inconsistent lengths in loreg header (data0=%d, data1=%d, size left=%d)\n",
+              __func__, (int)msg->header.len0, (int)msg->header.len1, (int)rest);
+    return LOREG_ERR_BAD_LENGTHS;
+  }
+
+  /* Bytes beyond the two areas are allowed and ignored. */
+  msg->prefix = NULL;
+  msg->data0 = (char *)body + LOREG_HEADER_SIZE;
+  msg->data1 = msg->data0 + msg->header.len0 + LOREG_GUARD_SIZE;
+
+  /* data1 has no guard on the wire: the zero after it is stored here, in
+   * the spare byte that the receive left free or in unused bytes of the
+   * message itself. */
+  if (info->size < buffer_size || rest > areas) {
+    msg->data1[msg->header.len1] = 0;
+    return 0;
+  }
+  LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG,
+            "%s(): single additional spare byte missing in recv-buffer\n", __func__);
+  return LOREG_ERR_BAD_LENGTHS;
+}
+
+const char *lorc_get_reason_txt(uint32_t code) {
+  switch (code) {
+    case LOREG_REASON_KEY_UPDATE:
+      return "key update";
+    case LOREG_REASON_KEY_DELETE:
+      return "key delete";
+    case LOREG_REASON_TA_START:
+      return "transaction start";
+    case LOREG_REASON_TA_END:
+      return "transaction end";
+    case LOREG_REASON_KEY_ADD:
+      return "key add";
+    case LOREG_REASON_KEY_CHANGE:
+      return "key change";
+    case LOREG_REASON_SERVER_AVAILABLE:
+      return "server available";
+    case LOREG_REASON_SERVER_GONE:
+      return "server gone";
+    default:
+      return "<unknown>";
+  }
+}

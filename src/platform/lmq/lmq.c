@@ -1,0 +1,977 @@
+/*
+ * lmq: the in-process message server.
+ *
+ * A server keeps two hash tables: its attached clients by client number
+ * and its services by id, each service with a list of hosts and a list of
+ * subscribers. Every client keeps its receive queue (lmq_queue.c) in the
+ * memory its creator gave, guarded by a mutex of its own, and a condition
+ * on which its single receiving thread waits.
+ *
+ * Locking. server->mutex guards the server's tables and the attachment of
+ * its clients (their number and server fields change only with it held).
+ * client->mutex guards that client's queue, its waiting flag and its
+ * wake-up counter. Lock order: server mutex, then one client mutex; a
+ * thread never holds two client mutexes, and never takes the server mutex
+ * while holding a client mutex.
+ *
+ * Every delivery to another client happens with the server mutex held:
+ * a client can only be released after lmqServerRemoveClient, which needs
+ * that mutex, so the receiver's mutex and condition stay valid until the
+ * sender lets go, also while it signals after unlocking the receiver.
+ *
+ * The uptime listener is called by csp, possibly with a lock of csp held,
+ * and takes the server mutex and the client mutexes. So lmq never calls
+ * into csp's clock or listener table while holding one of its mutexes:
+ * lmqServerDestroy removes the listener before locking, and a receiver
+ * reads the uptime with its client mutex released.
+ *
+ * Addresses carry no pointers: a node number (one per server), a client
+ * number (per server, never reused) and a service id, so that a reply
+ * address may be kept and used later, or travel to another process.
+ */
+#include "platform/lmq.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "lmq/lmq_debug.h"
+#include "lmq/lmq_queue.h"
+
+#define LMQ_SERVER_MAGIC 0x4C4D5153u /* "LMQS" */
+#define LMQ_CLIENT_MAGIC 0x4C4D5143u /* "LMQC" */
+
+#define LMQ_BUCKETS 64u
+#define LMQ_MIN_QUEUE_SIZE 64u
+#define LMQ_SERVICE_ID_MAX 0x7FFF
+
+#define LMQ_SYSMSG_PROTOCOL 0x82u
+#define LMQ_HEADER_WORDS 7u
+
+/* A waiting receiver looks at the uptime clock at least this often (real
+ * seconds), and timeouts are cut to this many seconds so that adding them
+ * to the clock cannot overflow. */
+#define LMQ_WAIT_SLICE_SEC 3600
+#define LMQ_TIMEOUT_MAX_SEC 1000000000000LL
+
+typedef struct _lmq_client_rec _lmq_client_rec;
+
+/* Growable list of clients: the hosts or the subscribers of a service. */
+typedef struct _lmq_members {
+  _lmq_client_rec **items;
+  uint32_t count;
+  uint32_t capacity;
+} _lmq_members;
+
+typedef struct _lmq_service {
+  struct _lmq_service *next; /* bucket chain */
+  int16_t id;
+  uint32_t refs;             /* lmqRegisterPlainId calls not yet undone */
+  _lmq_members hosts;
+  _lmq_members subscribers;
+  char name[LMQ_SERVICE_NAME_MAX + 1];
+} _lmq_service;
+
+/* The private record inside an lmq_client's opaque bytes. */
+struct _lmq_client_rec {
+  uint32_t magic;
+  uint32_t number;        /* client number while attached, else 0 (atomic) */
+  lmq_server *server;     /* attached server or null (atomic) */
+  _lmq_client_rec *next;  /* server's bucket chain, server mutex */
+  uint32_t sequence;      /* messages sent through this client (atomic) */
+  uint32_t received;      /* messages taken; receiving thread only */
+  uint32_t waiting;       /* receiver blocked on cond; client mutex */
+  uint32_t wakeups;       /* uptime clock moves seen; client mutex */
+  lmq_queue queue;        /* client mutex */
+  pthread_mutex_t mutex;
+  pthread_cond_t cond;    /* on CLOCK_MONOTONIC */
+};
+
+struct lmq_server {
+  uint32_t magic;
+  uint32_t node;
+  pthread_mutex_t mutex;
+  uint32_t last_client;   /* last client number given */
+  int16_t last_service;   /* last service id given */
+  uint32_t service_count;
+  _lmq_client_rec *clients[LMQ_BUCKETS];
+  _lmq_service *services[LMQ_BUCKETS];
+};
+
+_Static_assert(sizeof(_lmq_client_rec) <= LMQ_CLIENT_BYTES, "client record exceeds lmq_client");
+_Static_assert(_Alignof(_lmq_client_rec) <= _Alignof(lmq_client),
+               "client record needs more alignment than lmq_client gives");
+_Static_assert(sizeof(lmq_address) == 20, "reply address must be 20 bytes");
+_Static_assert(sizeof(lmq_rx_info) == 32, "rx info must be 8 words");
+_Static_assert(sizeof(lmq_msg_header) == LMQ_HEADER_SIZE, "header must be 28 bytes");
+_Static_assert(LMQ_QUEUE_RECORD_SIZE == LMQ_QUEUE_ENTRY_OVERHEAD, "queue entry record size");
+
+/* Node numbers tell the servers of a process apart. */
+static uint32_t g_lmq_last_node;
+
+/* --- Small helpers --------------------------------------------------- */
+
+static void _lmq_put16(unsigned char *p, uint16_t v) {
+  p[0] = (unsigned char)(v >> 8);
+  p[1] = (unsigned char)v;
+}
+
+static void _lmq_put32(unsigned char *p, uint32_t v) {
+  p[0] = (unsigned char)(v >> 24);
+  p[1] = (unsigned char)(v >> 16);
+  p[2] = (unsigned char)(v >> 8);
+  p[3] = (unsigned char)v;
+}
+
+static uint16_t _lmq_get16(const unsigned char *p) {
+  return (uint16_t)((p[0] << 8) | p[1]);
+}
+
+static uint32_t _lmq_get32(const unsigned char *p) {
+  return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
+}
+
+static _lmq_client_rec *_lmq_rec(const lmq_client *client) {
+  _lmq_client_rec *rec;
+
+  if (client == NULL) return NULL;
+  rec = (_lmq_client_rec *)(void *)client->u.bytes;
+  return rec->magic == LMQ_CLIENT_MAGIC ? rec : NULL;
+}
+
+static int _lmq_server_valid(const lmq_server *server) {
+  return server != NULL && server->magic == LMQ_SERVER_MAGIC;
+}
+
+static lmq_server *_lmq_attached_server(const _lmq_client_rec *rec) {
+  return __atomic_load_n(&rec->server, __ATOMIC_ACQUIRE);
+}
+
+static uint32_t _lmq_number(const _lmq_client_rec *rec) {
+  return __atomic_load_n(&rec->number, __ATOMIC_RELAXED);
+}
+
+static void _lmq_make_address(lmq_address *address, uint32_t node, uint32_t client,
+                              int16_t service_id, uint8_t kind, uint32_t sequence) {
+  memset(address, 0, sizeof(*address));
+  address->node = node;
+  address->client = client;
+  address->service_id = service_id;
+  address->kind = kind;
+  address->sequence = sequence;
+}
+
+static uint32_t _lmq_next_sequence(_lmq_client_rec *rec) {
+  return __atomic_add_fetch(&rec->sequence, 1u, __ATOMIC_RELAXED);
+}
+
+/* --- Member lists ---------------------------------------------------- */
+
+static int _lmq_members_find(const _lmq_members *members, const _lmq_client_rec *rec) {
+  uint32_t i;
+
+  for (i = 0; i < members->count; i++) {
+    if (members->items[i] == rec) return (int)i;
+  }
+  return -1;
+}
+
+static int _lmq_members_add(_lmq_members *members, _lmq_client_rec *rec) {
+  if (members->count == members->capacity) {
+    uint32_t capacity = members->capacity ? members->capacity * 2u : 4u;
+    _lmq_client_rec **items = realloc(members->items, capacity * sizeof(*items));
+    if (items == NULL) return -ENOMEM;
+    members->items = items;
+    members->capacity = capacity;
+  }
+  members->items[members->count++] = rec;
+  return 0;
+}
+
+static void _lmq_members_free(_lmq_members *members) {
+  free(members->items);
+  members->items = NULL;
+  members->count = 0;
+  members->capacity = 0;
+}
+
+/* Removes the client from the list; the order of the others is kept. An
+ * emptied list gives its memory back. Returns 0, or -2 if absent. */
+static int _lmq_members_remove(_lmq_members *members, const _lmq_client_rec *rec) {
+  int index = _lmq_members_find(members, rec);
+
+  if (index < 0) return -ENOENT;
+  memmove(&members->items[index], &members->items[index + 1],
+          (members->count - (uint32_t)index - 1u) * sizeof(members->items[0]));
+  members->count--;
+  if (members->count == 0) _lmq_members_free(members);
+  return 0;
+}
+
+/* --- Tables ---------------------------------------------------------- */
+
+static _lmq_service **_lmq_service_bucket(lmq_server *server, int16_t id) {
+  return &server->services[(uint16_t)id % LMQ_BUCKETS];
+}
+
+static _lmq_service *_lmq_service_find_nolock(lmq_server *server, int16_t id) {
+  _lmq_service *service;
+
+  for (service = *_lmq_service_bucket(server, id); service != NULL; service = service->next) {
+    if (service->id == id) return service;
+  }
+  return NULL;
+}
+
+static _lmq_service *_lmq_service_find_name_nolock(lmq_server *server, const char *name,
+                                                   size_t len) {
+  uint32_t b;
+  _lmq_service *service;
+
+  for (b = 0; b < LMQ_BUCKETS; b++) {
+    for (service = server->services[b]; service != NULL; service = service->next) {
+      if (strlen(service->name) == len && memcmp(service->name, name, len) == 0) return service;
+    }
+  }
+  return NULL;
+}
+
+/* Unlinks the service from its bucket and frees it with its lists. */
+static void _lmq_service_delete_nolock(lmq_server *server, _lmq_service *service) {
+  _lmq_service **link = _lmq_service_bucket(server, service->id);
+
+  while (*link != service) link = &(*link)->next;
+  *link = service->next;
+  server->service_count--;
+  _lmq_members_free(&service->hosts);
+  _lmq_members_free(&service->subscribers);
+  free(service);
+}
+
+/* Gives the next free service id after the last one given, wrapping
+ * within 1..0x7FFF, so that an id is not soon given again. */
+static int16_t _lmq_service_new_id_nolock(lmq_server *server) {
+  int16_t id = server->last_service;
+
+  do {
+    id = id >= LMQ_SERVICE_ID_MAX ? 1 : (int16_t)(id + 1);
+  } while (_lmq_service_find_nolock(server, id) != NULL);
+  server->last_service = id;
+  return id;
+}
+
+static _lmq_client_rec **_lmq_client_bucket(lmq_server *server, uint32_t number) {
+  return &server->clients[number % LMQ_BUCKETS];
+}
+
+static _lmq_client_rec *_lmq_client_find_nolock(lmq_server *server, uint32_t number) {
+  _lmq_client_rec *rec;
+
+  if (number == 0) return NULL;
+  for (rec = *_lmq_client_bucket(server, number); rec != NULL; rec = rec->next) {
+    if (rec->number == number) return rec;
+  }
+  return NULL;
+}
+
+/* Ends the client's hosting and subscriptions, takes it out of the client
+ * table and clears its attachment. Its queue keeps what it holds. */
+static void _lmq_client_detach_nolock(lmq_server *server, _lmq_client_rec *rec) {
+  _lmq_client_rec **link = _lmq_client_bucket(server, rec->number);
+  uint32_t b;
+  _lmq_service *service;
+
+  for (b = 0; b < LMQ_BUCKETS; b++) {
+    for (service = server->services[b]; service != NULL; service = service->next) {
+      (void)_lmq_members_remove(&service->hosts, rec);
+      (void)_lmq_members_remove(&service->subscribers, rec);
+    }
+  }
+  while (*link != rec) link = &(*link)->next;
+  *link = rec->next;
+  rec->next = NULL;
+  __atomic_store_n(&rec->number, 0u, __ATOMIC_RELAXED);
+  __atomic_store_n(&rec->server, NULL, __ATOMIC_RELEASE);
+}
+
+/* --- Delivery -------------------------------------------------------- */
+
+/*
+ * Queues one message of size bytes for target and wakes its receiver if
+ * it waits. The condition is signalled after the target's mutex is
+ * released, so the woken receiver does not block on it at once; this is
+ * safe because the caller holds the server mutex (see the top of this
+ * file), or, with signal_locked, is done under the target's mutex for a
+ * client that need not be attached. Returns 0, -90 or -105.
+ */
+static int _lmq_deliver(_lmq_client_rec *target, const lmq_address *reply,
+                        const lmq_iovec *vector, uint32_t count, uint32_t size,
+                        int signal_locked) {
+  int rc;
+  int wake;
+
+  pthread_mutex_lock(&target->mutex);
+  rc = lmq_queue_put(&target->queue, reply, vector, count, size);
+  wake = rc == 0 && target->waiting;
+  if (wake && signal_locked) pthread_cond_signal(&target->cond);
+  pthread_mutex_unlock(&target->mutex);
+  if (wake && !signal_locked) pthread_cond_signal(&target->cond);
+  return rc;
+}
+
+/* Queues a system message for target about peer, the other client of a
+ * new host-subscriber pair. A queue without room drops it, which is
+ * logged: it never makes the caller's operation fail. */
+static void _lmq_send_sysmsg_nolock(lmq_server *server, _lmq_client_rec *target,
+                                    const _lmq_client_rec *peer, uint32_t type,
+                                    int16_t service_id, const char *caller) {
+  unsigned char bytes[LMQ_SYSMSG_SIZE];
+  lmq_msg_header header;
+  lmq_address reply;
+  lmq_iovec entry;
+  int rc;
+
+  memset(&header, 0, sizeof(header));
+  header.protocol = LMQ_SYSMSG_PROTOCOL;
+  header.words = LMQ_HEADER_WORDS;
+  header.type = type;
+  header.subtype = LMQ_SYSMSG_SUBTYPE_PRESENT;
+  header.size = LMQ_SYSMSG_SIZE;
+  header.size2 = LMQ_SYSMSG_SIZE;
+  (void)lmqMessageHeaderToProtocol(bytes, &header);
+  _lmq_put16(bytes + LMQ_HEADER_SIZE, (uint16_t)service_id);
+
+  _lmq_make_address(&reply, server->node, peer->number, service_id, LMQ_KIND_SYSTEM, 0);
+  entry.base = bytes;
+  entry.len = LMQ_SYSMSG_SIZE;
+  rc = _lmq_deliver(target, &reply, &entry, 1, LMQ_SYSMSG_SIZE, 0);
+  if (rc < 0) {
+    LMQ_LOG(LMQ_LVL_FAIL,
+            "%s(): system message 0x%08x for service %d dropped, client %u cannot take it "
+            "(code %d)\n",
+            caller, (unsigned)type, (int)service_id, (unsigned)target->number, rc);
+  }
+}
+
+/* Checks a send's flags and vector and sums its lengths into *size.
+ * Returns 0, -22 (bad argument or empty message) or -90. */
+static int _lmq_gather_size(const lmq_iovec *vector, uint32_t count, uint32_t flags,
+                            uint32_t *size) {
+  uint64_t total = 0;
+  uint32_t i;
+
+  if (flags != 0 || count == 0 || vector == NULL) return -EINVAL;
+  for (i = 0; i < count; i++) {
+    if (vector[i].len > 0 && vector[i].base == NULL) return -EINVAL;
+    total += vector[i].len;
+  }
+  if (total == 0) return -EINVAL;
+  if (total > LMQ_MAX_MESSAGE_SIZE) return -EMSGSIZE;
+  *size = (uint32_t)total;
+  return 0;
+}
+
+/* Finds the sender's record and locks the server it is attached to.
+ * Returns 0 with the server mutex held, -22 or -2 (not attached). */
+static int _lmq_sender_lock(lmq_client *client, _lmq_client_rec **rec_out,
+                            lmq_server **server_out) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+  lmq_server *server;
+
+  if (rec == NULL) return -EINVAL;
+  server = _lmq_attached_server(rec);
+  if (server == NULL) return -ENOENT;
+  pthread_mutex_lock(&server->mutex);
+  if (rec->server != server) {
+    pthread_mutex_unlock(&server->mutex);
+    return -ENOENT;
+  }
+  *rec_out = rec;
+  *server_out = server;
+  return 0;
+}
+
+/* Sends one message to every member of a list. The first failure is
+ * returned; the other members still get the message. */
+static int _lmq_deliver_all_nolock(const _lmq_members *members, const lmq_address *reply,
+                                   const lmq_iovec *vector, uint32_t count, uint32_t size) {
+  int first = 0;
+  uint32_t i;
+
+  for (i = 0; i < members->count; i++) {
+    int rc = _lmq_deliver(members->items[i], reply, vector, count, size, 0);
+    if (rc < 0 && first == 0) first = rc;
+  }
+  return first;
+}
+
+/* Sends to the hosts (command) or the subscribers (notification) of a
+ * service: the one routine behind lmqCXSendCommand and lmqCXNotify. */
+static int _lmq_send_to_service(lmq_client *client, int16_t service_id, const lmq_iovec *vector,
+                                uint32_t count, uint32_t flags, uint8_t kind) {
+  _lmq_client_rec *rec;
+  lmq_server *server;
+  _lmq_service *service;
+  const _lmq_members *members;
+  lmq_address reply;
+  uint32_t size;
+  int rc;
+
+  rc = _lmq_gather_size(vector, count, flags, &size);
+  if (rc < 0) return rc;
+  rc = _lmq_sender_lock(client, &rec, &server);
+  if (rc < 0) return rc;
+
+  service = _lmq_service_find_nolock(server, service_id);
+  if (service == NULL) {
+    rc = -ENOENT;
+  } else {
+    members = kind == LMQ_KIND_COMMAND ? &service->hosts : &service->subscribers;
+    if (kind == LMQ_KIND_COMMAND && members->count == 0) {
+      rc = -EHOSTUNREACH;
+    } else {
+      _lmq_make_address(&reply, server->node, rec->number, service_id, kind,
+                        _lmq_next_sequence(rec));
+      rc = _lmq_deliver_all_nolock(members, &reply, vector, count, size);
+    }
+  }
+  pthread_mutex_unlock(&server->mutex);
+  return rc;
+}
+
+/* --- Uptime listener ------------------------------------------------- */
+
+/* The uptime clock moved: every receiver of this server looks at it again.
+ * The wake-up counter tells a receiver that is between reading the clock
+ * and waiting that it must read the clock again. */
+static void _lmq_uptime_moved(void *context) {
+  lmq_server *server = (lmq_server *)context;
+  uint32_t b;
+  _lmq_client_rec *rec;
+
+  pthread_mutex_lock(&server->mutex);
+  for (b = 0; b < LMQ_BUCKETS; b++) {
+    for (rec = server->clients[b]; rec != NULL; rec = rec->next) {
+      pthread_mutex_lock(&rec->mutex);
+      rec->wakeups++;
+      if (rec->waiting) pthread_cond_broadcast(&rec->cond);
+      pthread_mutex_unlock(&rec->mutex);
+    }
+  }
+  pthread_mutex_unlock(&server->mutex);
+}
+
+/* --- Server ---------------------------------------------------------- */
+
+int lmqServerCreate(lmq_server **server) {
+  lmq_server *created;
+  int rc;
+
+  if (server == NULL) return -EINVAL;
+  created = calloc(1, sizeof(*created));
+  if (created == NULL) return -ENOMEM;
+  rc = pthread_mutex_init(&created->mutex, NULL);
+  if (rc != 0) {
+    free(created);
+    return -rc;
+  }
+  created->node = __atomic_add_fetch(&g_lmq_last_node, 1u, __ATOMIC_RELAXED);
+  created->magic = LMQ_SERVER_MAGIC;
+  rc = cspOsalUptimeListenerAdd(_lmq_uptime_moved, created);
+  if (rc < 0) {
+    LMQ_LOG(LMQ_LVL_FAIL, "%s(): cspOsalUptimeListenerAdd failed (code %d)\n", __func__, rc);
+    created->magic = 0;
+    pthread_mutex_destroy(&created->mutex);
+    free(created);
+    return rc;
+  }
+  *server = created;
+  return 0;
+}
+
+int lmqServerDestroy(lmq_server *server) {
+  uint32_t b;
+
+  if (!_lmq_server_valid(server)) return -EINVAL;
+  /* Before locking: csp may run the listener with its own lock held. */
+  (void)cspOsalUptimeListenerRemove(_lmq_uptime_moved, server);
+
+  pthread_mutex_lock(&server->mutex);
+  server->magic = 0;
+  for (b = 0; b < LMQ_BUCKETS; b++) {
+    while (server->clients[b] != NULL) _lmq_client_detach_nolock(server, server->clients[b]);
+  }
+  for (b = 0; b < LMQ_BUCKETS; b++) {
+    while (server->services[b] != NULL) _lmq_service_delete_nolock(server, server->services[b]);
+  }
+  pthread_mutex_unlock(&server->mutex);
+  pthread_mutex_destroy(&server->mutex);
+  free(server);
+  return 0;
+}
+
+int lmqServerAddClient(lmq_server *server, lmq_client *client) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+  _lmq_client_rec **bucket;
+  uint32_t number;
+
+  if (rec == NULL || !_lmq_server_valid(server)) return -EINVAL;
+  pthread_mutex_lock(&server->mutex);
+  if (_lmq_attached_server(rec) != NULL) {
+    pthread_mutex_unlock(&server->mutex);
+    return -EEXIST;
+  }
+  number = ++server->last_client;
+  if (number == 0) number = ++server->last_client;
+  bucket = _lmq_client_bucket(server, number);
+  rec->next = *bucket;
+  *bucket = rec;
+  __atomic_store_n(&rec->number, number, __ATOMIC_RELAXED);
+  __atomic_store_n(&rec->server, server, __ATOMIC_RELEASE);
+  pthread_mutex_unlock(&server->mutex);
+  return 0;
+}
+
+int lmqServerRemoveClient(lmq_server *server, lmq_client *client) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+  int rc = 0;
+
+  if (rec == NULL || !_lmq_server_valid(server)) return -EINVAL;
+  pthread_mutex_lock(&server->mutex);
+  if (rec->server != server) {
+    rc = -ENOENT;
+  } else {
+    _lmq_client_detach_nolock(server, rec);
+  }
+  pthread_mutex_unlock(&server->mutex);
+  return rc;
+}
+
+/* --- Services -------------------------------------------------------- */
+
+int lmqRegisterPlainId(lmq_server *server, const char *name, uint32_t name_size, int16_t *id) {
+  _lmq_service *service;
+  size_t len;
+  int rc = 0;
+
+  if (!_lmq_server_valid(server) || name == NULL || id == NULL) return -EINVAL;
+  len = strnlen(name, name_size);
+  if (len == 0 || len > LMQ_SERVICE_NAME_MAX) return -EINVAL;
+
+  pthread_mutex_lock(&server->mutex);
+  service = _lmq_service_find_name_nolock(server, name, len);
+  if (service != NULL) {
+    service->refs++;
+  } else if (server->service_count >= LMQ_SERVICE_ID_MAX ||
+             (service = calloc(1, sizeof(*service))) == NULL) {
+    rc = -ENOMEM;
+  } else {
+    _lmq_service **bucket;
+    memcpy(service->name, name, len);
+    service->refs = 1;
+    service->id = _lmq_service_new_id_nolock(server);
+    bucket = _lmq_service_bucket(server, service->id);
+    service->next = *bucket;
+    *bucket = service;
+    server->service_count++;
+  }
+  if (rc == 0) *id = service->id;
+  pthread_mutex_unlock(&server->mutex);
+  return rc;
+}
+
+int lmqUnRegisterPlainId(lmq_server *server, int16_t id) {
+  _lmq_service *service;
+  int rc = 0;
+
+  if (!_lmq_server_valid(server)) return -EINVAL;
+  pthread_mutex_lock(&server->mutex);
+  service = _lmq_service_find_nolock(server, id);
+  if (service == NULL) {
+    rc = -ENOENT;
+  } else if (--service->refs == 0) {
+    _lmq_service_delete_nolock(server, service);
+  }
+  pthread_mutex_unlock(&server->mutex);
+  return rc;
+}
+
+/*
+ * Adds the client to the hosts (as_host) or subscribers of a service and
+ * sends the system messages of every new host-subscriber pair: the host
+ * learns of the subscriber, the subscriber of the host. A client is never
+ * paired with itself.
+ */
+static int _lmq_join_service(lmq_client *client, int16_t id, uint32_t flags, int as_host,
+                             const char *caller) {
+  _lmq_client_rec *rec;
+  lmq_server *server;
+  _lmq_service *service;
+  _lmq_members *own;
+  const _lmq_members *peers;
+  uint32_t i;
+  int rc;
+
+  if (flags != 0) return -EINVAL;
+  rc = _lmq_sender_lock(client, &rec, &server);
+  if (rc < 0) return rc;
+
+  service = _lmq_service_find_nolock(server, id);
+  if (service == NULL) {
+    rc = -ENOENT;
+    goto out;
+  }
+  own = as_host ? &service->hosts : &service->subscribers;
+  peers = as_host ? &service->subscribers : &service->hosts;
+  if (_lmq_members_find(own, rec) >= 0) {
+    rc = -EEXIST;
+    goto out;
+  }
+  rc = _lmq_members_add(own, rec);
+  if (rc < 0) goto out;
+
+  for (i = 0; i < peers->count; i++) {
+    _lmq_client_rec *peer = peers->items[i];
+    _lmq_client_rec *host = as_host ? rec : peer;
+    _lmq_client_rec *subscriber = as_host ? peer : rec;
+    if (peer == rec) continue;
+    _lmq_send_sysmsg_nolock(server, host, subscriber, LMQ_SYSMSG_SUBSCRIBER_PRESENT, id, caller);
+    _lmq_send_sysmsg_nolock(server, subscriber, host, LMQ_SYSMSG_HOST_PRESENT, id, caller);
+  }
+out:
+  pthread_mutex_unlock(&server->mutex);
+  return rc;
+}
+
+/* Takes the client out of the hosts or subscribers of a service. */
+static int _lmq_leave_service(lmq_client *client, int16_t id, int as_host) {
+  _lmq_client_rec *rec;
+  lmq_server *server;
+  _lmq_service *service;
+  int rc;
+
+  rc = _lmq_sender_lock(client, &rec, &server);
+  if (rc < 0) return rc;
+  service = _lmq_service_find_nolock(server, id);
+  if (service == NULL) {
+    rc = -ENOENT;
+  } else {
+    rc = _lmq_members_remove(as_host ? &service->hosts : &service->subscribers, rec);
+  }
+  pthread_mutex_unlock(&server->mutex);
+  return rc;
+}
+
+int lmqHostService(lmq_client *client, int16_t id, uint32_t flags) {
+  return _lmq_join_service(client, id, flags, 1, __func__);
+}
+
+int lmqSubscribeService(lmq_client *client, int16_t id, uint32_t flags) {
+  return _lmq_join_service(client, id, flags, 0, __func__);
+}
+
+int lmqUnHostService(lmq_client *client, int16_t id) {
+  return _lmq_leave_service(client, id, 1);
+}
+
+int lmqUnSubscribeService(lmq_client *client, int16_t id) {
+  return _lmq_leave_service(client, id, 0);
+}
+
+/* --- Clients --------------------------------------------------------- */
+
+int lmqClientInit(lmq_client *client, void *queue, uint32_t queue_size) {
+  _lmq_client_rec *rec;
+  pthread_condattr_t attr;
+  int rc;
+
+  if (client == NULL || queue == NULL || queue_size < LMQ_MIN_QUEUE_SIZE) return -EINVAL;
+  rec = (_lmq_client_rec *)(void *)client->u.bytes;
+  if (rec->magic == LMQ_CLIENT_MAGIC) return -EINVAL;
+  memset(client, 0, sizeof(*client));
+
+  rc = pthread_mutex_init(&rec->mutex, NULL);
+  if (rc != 0) return -rc;
+  rc = pthread_condattr_init(&attr);
+  if (rc == 0) {
+    rc = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    if (rc == 0) rc = pthread_cond_init(&rec->cond, &attr);
+    pthread_condattr_destroy(&attr);
+  }
+  if (rc != 0) {
+    pthread_mutex_destroy(&rec->mutex);
+    return -rc;
+  }
+  lmq_queue_init(&rec->queue, queue, queue_size);
+  rec->magic = LMQ_CLIENT_MAGIC;
+  return 0;
+}
+
+int lmqClientRelease(lmq_client *client) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+
+  if (rec == NULL || _lmq_attached_server(rec) != NULL) return -EINVAL;
+  rec->magic = 0;
+  lmq_queue_clear(&rec->queue);
+  pthread_cond_destroy(&rec->cond);
+  pthread_mutex_destroy(&rec->mutex);
+  memset(client, 0, sizeof(*client));
+  return 0;
+}
+
+int lmqClientAddress(const lmq_client *client, lmq_address *address) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+  lmq_server *server;
+
+  if (rec == NULL || address == NULL) return -EINVAL;
+  server = _lmq_attached_server(rec);
+  if (server == NULL) return -ENOENT;
+  _lmq_make_address(address, server->node, _lmq_number(rec), -1, LMQ_KIND_SYSTEM, 0);
+  return 0;
+}
+
+/* --- Sending --------------------------------------------------------- */
+
+int lmqCXSendCommand(lmq_client *client, int16_t service_id, const lmq_iovec *vector,
+                     uint32_t count, uint32_t flags) {
+  return _lmq_send_to_service(client, service_id, vector, count, flags, LMQ_KIND_COMMAND);
+}
+
+int lmqCXNotify(lmq_client *client, int16_t service_id, const lmq_iovec *vector, uint32_t count,
+                uint32_t flags) {
+  return _lmq_send_to_service(client, service_id, vector, count, flags, LMQ_KIND_NOTIFY);
+}
+
+int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *vector,
+               uint32_t count, uint32_t flags) {
+  _lmq_client_rec *rec;
+  _lmq_client_rec *target;
+  lmq_server *server;
+  lmq_address reply;
+  uint32_t size;
+  int rc;
+
+  if (address == NULL) return -EINVAL;
+  rc = _lmq_gather_size(vector, count, flags, &size);
+  if (rc < 0) return rc;
+  rc = _lmq_sender_lock(client, &rec, &server);
+  if (rc < 0) return rc;
+
+  target = address->node == server->node ? _lmq_client_find_nolock(server, address->client) : NULL;
+  if (target == NULL) {
+    rc = -EHOSTUNREACH;
+  } else {
+    _lmq_make_address(&reply, server->node, rec->number, address->service_id, LMQ_KIND_REPLY,
+                      _lmq_next_sequence(rec));
+    rc = _lmq_deliver(target, &reply, vector, count, size, 0);
+  }
+  pthread_mutex_unlock(&server->mutex);
+  return rc;
+}
+
+int lmqCXNotifySelf(lmq_client *client, const lmq_iovec *vector, uint32_t count,
+                    uint32_t flags) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+  lmq_server *server;
+  lmq_address reply;
+  uint32_t size;
+  int rc;
+
+  if (rec == NULL) return -EINVAL;
+  rc = _lmq_gather_size(vector, count, flags, &size);
+  if (rc < 0) return rc;
+  /* The own queue needs no server: a client that is not attached may wake
+   * its receiver too. Without the server mutex the condition is signalled
+   * under the client's mutex. */
+  server = _lmq_attached_server(rec);
+  _lmq_make_address(&reply, server != NULL ? server->node : 0, _lmq_number(rec), -1,
+                    LMQ_KIND_SELF, _lmq_next_sequence(rec));
+  return _lmq_deliver(rec, &reply, vector, count, size, 1);
+}
+
+/* --- Receiving ------------------------------------------------------- */
+
+/* Absolute CLOCK_MONOTONIC time, for the client's condition, that lies
+ * remaining from now, cut to LMQ_WAIT_SLICE_SEC. */
+static void _lmq_wait_until(struct timespec *until, const _cspOsalTime_struct *remaining) {
+  int64_t sec = remaining->sec < LMQ_WAIT_SLICE_SEC ? remaining->sec : LMQ_WAIT_SLICE_SEC;
+  long nsec = remaining->sec < LMQ_WAIT_SLICE_SEC ? (long)remaining->usec * 1000L : 0L;
+
+  clock_gettime(CLOCK_MONOTONIC, until);
+  until->tv_sec += (time_t)sec;
+  until->tv_nsec += nsec;
+  if (until->tv_nsec >= 1000000000L) {
+    until->tv_sec++;
+    until->tv_nsec -= 1000000000L;
+  }
+}
+
+/*
+ * Waits, with the client mutex held, until the queue holds a message or
+ * the uptime clock reaches *deadline (null: no deadline). Returns 0 with
+ * a message queued, LMQ_TIMEOUT, or the clock's error. Every wake-up,
+ * spurious or not, leads back to the queue and the clock.
+ */
+static int _lmq_wait_nolock(_lmq_client_rec *rec, const _cspOsalTime_struct *deadline) {
+  for (;;) {
+    _cspOsalTime_struct now;
+    _cspOsalTime_struct remaining;
+    struct timespec until;
+    uint32_t seen;
+    int rc;
+
+    if (rec->queue.entries > 0) return 0;
+    if (deadline == NULL) {
+      rec->waiting = 1;
+      pthread_cond_wait(&rec->cond, &rec->mutex);
+      rec->waiting = 0;
+      continue;
+    }
+
+    seen = rec->wakeups;
+    pthread_mutex_unlock(&rec->mutex);
+    rc = cspOsalGetUptime(&now);
+    pthread_mutex_lock(&rec->mutex);
+    if (rc < 0) return rc;
+    if (rec->queue.entries > 0) return 0;
+    /* The clock moved while it was read: read it again. */
+    if (seen != rec->wakeups) continue;
+    if (cspOsalCompareTime(&now, deadline) >= 0) return LMQ_TIMEOUT;
+
+    cspOsalSubtractTime3(&remaining, deadline, &now);
+    _lmq_wait_until(&until, &remaining);
+    rec->waiting = 1;
+    pthread_cond_timedwait(&rec->cond, &rec->mutex, &until);
+    rec->waiting = 0;
+  }
+}
+
+int lmqCXReceive(lmq_client *client, const lmq_iovec *vector, uint32_t count, lmq_rx_info *info,
+                 const _cspOsalTime_struct *timeout) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+  _cspOsalTime_struct deadline;
+  lmq_address reply;
+  uint64_t room = 0;
+  uint32_t size;
+  uint32_t i;
+  int rc;
+
+  if (rec == NULL || info == NULL || (count > 0 && vector == NULL)) return -EINVAL;
+  for (i = 0; i < count; i++) {
+    if (vector[i].len > 0 && vector[i].base == NULL) return -EINVAL;
+    room += vector[i].len;
+  }
+  if (timeout != NULL) {
+    _cspOsalTime_struct span = *timeout;
+    cspOsalNormalizeTime(&span);
+    if (span.sec > LMQ_TIMEOUT_MAX_SEC) span.sec = LMQ_TIMEOUT_MAX_SEC;
+    rc = cspOsalGetUptime(&deadline);
+    if (rc < 0) return rc;
+    cspOsalAddTime(&deadline, &deadline, &span);
+  }
+
+  pthread_mutex_lock(&rec->mutex);
+  rc = _lmq_wait_nolock(rec, timeout != NULL ? &deadline : NULL);
+  if (rc == 0) {
+    (void)lmq_queue_peek(&rec->queue, &size, &reply);
+    info->status = 0;
+    info->count = ++rec->received;
+    info->size = size;
+    info->reply = reply;
+    if (size > room) {
+      lmq_queue_drop(&rec->queue, size);
+      rc = -EMSGSIZE;
+    } else {
+      lmq_queue_take(&rec->queue, vector, count, size);
+      rc = (int)size;
+    }
+  }
+  pthread_mutex_unlock(&rec->mutex);
+  return rc;
+}
+
+int lmqCXHandleSystemMessage(lmq_server *server, lmq_client *client, const lmq_sysmsg_pair *pair,
+                             const lmq_rx_info *info, const lmq_iovec *vector, uint32_t count) {
+  unsigned char bytes[LMQ_SYSMSG_SIZE];
+  lmq_msg_header header;
+  uint32_t have = 0;
+  uint32_t i;
+  int16_t service_id;
+
+  if (!_lmq_server_valid(server) || _lmq_rec(client) == NULL || pair == NULL ||
+      pair->callback == NULL || info == NULL || (count > 0 && vector == NULL)) {
+    return -EINVAL;
+  }
+  if (info->reply.kind != LMQ_KIND_SYSTEM || info->size != LMQ_SYSMSG_SIZE) return -EINVAL;
+  for (i = 0; i < count && have < LMQ_SYSMSG_SIZE; i++) {
+    uint32_t len = vector[i].len < LMQ_SYSMSG_SIZE - have ? vector[i].len : LMQ_SYSMSG_SIZE - have;
+    if (len == 0) continue;
+    if (vector[i].base == NULL) return -EINVAL;
+    memcpy(bytes + have, vector[i].base, len);
+    have += len;
+  }
+  if (have < LMQ_SYSMSG_SIZE) return -EINVAL;
+
+  (void)lmqMessageHeaderToHost(&header, bytes);
+  service_id = (int16_t)_lmq_get16(bytes + LMQ_HEADER_SIZE);
+  if (header.protocol != LMQ_SYSMSG_PROTOCOL || header.words != LMQ_HEADER_WORDS ||
+      header.size != LMQ_SYSMSG_SIZE || header.size2 != LMQ_SYSMSG_SIZE ||
+      service_id != info->reply.service_id) {
+    return -EINVAL;
+  }
+  pair->callback(pair->context, header.type, header.subtype, service_id);
+  return 0;
+}
+
+/* --- Header ---------------------------------------------------------- */
+
+int lmqMessageHeaderToProtocol(void *destination, const lmq_msg_header *source) {
+  lmq_msg_header host;
+  unsigned char *out = (unsigned char *)destination;
+
+  if (destination == NULL || source == NULL) return -EINVAL;
+  host = *source; /* destination may be source */
+  out[0] = host.protocol;
+  out[1] = host.words;
+  _lmq_put16(out + 2, host.reserved0);
+  _lmq_put32(out + 4, host.type);
+  _lmq_put32(out + 8, host.subtype);
+  _lmq_put32(out + 12, host.size);
+  _lmq_put32(out + 16, host.size2);
+  _lmq_put32(out + 20, host.reserved1[0]);
+  _lmq_put32(out + 24, host.reserved1[1]);
+  return 0;
+}
+
+int lmqMessageHeaderToHost(lmq_msg_header *destination, const void *source) {
+  unsigned char in[LMQ_HEADER_SIZE];
+
+  if (destination == NULL || source == NULL) return -EINVAL;
+  memcpy(in, source, sizeof(in)); /* destination may be source */
+  destination->protocol = in[0];
+  destination->words = in[1];
+  destination->reserved0 = _lmq_get16(in + 2);
+  destination->type = _lmq_get32(in + 4);
+  destination->subtype = _lmq_get32(in + 8);
+  destination->size = _lmq_get32(in + 12);
+  destination->size2 = _lmq_get32(in + 16);
+  destination->reserved1[0] = _lmq_get32(in + 20);
+  destination->reserved1[1] = _lmq_get32(in + 24);
+  return 0;
+}
+
+int lmqMessageHeaderValidate(void **payload, const lmq_rx_info *info, const void *buffer,
+                             uint32_t buffer_size) {
+  const unsigned char *bytes = (const unsigned char *)buffer;
+  uint32_t size;
+
+  if (payload == NULL || info == NULL || buffer == NULL) return -EINVAL;
+  size = info->size;
+  if (size < LMQ_HEADER_SIZE || size > buffer_size) return -EBADMSG;
+  if (bytes[1] != LMQ_HEADER_WORDS) return -EBADMSG;
+  if (_lmq_get32(bytes + 12) != size || _lmq_get32(bytes + 16) != size) return -EBADMSG;
+  *payload = (void *)(bytes + LMQ_HEADER_SIZE);
+  return 0;
+}

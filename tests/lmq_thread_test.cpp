@@ -1,0 +1,495 @@
+// Tests of lmq with several threads: concurrent senders, receivers woken
+// by sends and by the uptime clock's test hook, and clients that attach
+// and detach while others send. Run under ThreadSanitizer too.
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/csp_osal.h"
+#include "platform/lmq.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr _cspOsalTime_struct kNoWait{0, 0};
+// Bound of every wait for a message that is expected: a failing test ends
+// instead of hanging.
+constexpr _cspOsalTime_struct kExpectWait{30, 0};
+
+class Client {
+ public:
+  explicit Client(lmq_server *server, uint32_t queue_size = 8192)
+      : m_server(server), m_queue(queue_size) {
+    EXPECT_EQ(lmqClientInit(&m_client, m_queue.data(), queue_size), 0);
+    EXPECT_EQ(lmqServerAddClient(server, &m_client), 0);
+  }
+  ~Client() {
+    lmqServerRemoveClient(m_server, &m_client);
+    lmqClientRelease(&m_client);
+  }
+  Client(const Client &) = delete;
+  Client &operator=(const Client &) = delete;
+  lmq_client *get() { return &m_client; }
+  uint32_t number() const {
+    lmq_address address;
+    EXPECT_EQ(lmqClientAddress(&m_client, &address), 0);
+    return address.client;
+  }
+
+ private:
+  lmq_server *m_server;
+  lmq_client m_client{};
+  std::vector<unsigned char> m_queue;
+};
+
+pid_t current_tid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// Scheduler state of a thread of this process ('R', 'S', ...).
+char thread_state(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  size_t close = line.rfind(')');
+  return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '?';
+}
+
+// Waits until the thread sleeps in the kernel: after it announced that it
+// enters lmqCXReceive, that is its wait on the client's condition.
+bool wait_until_blocked(pid_t tid) {
+  for (int i = 0; i < 10000; i++) {
+    if (thread_state(tid) == 'S') return true;
+    std::this_thread::sleep_for(1ms);
+  }
+  return false;
+}
+
+// A thread that runs one lmqCXReceive and reports its result.
+class Receiver {
+ public:
+  Receiver(lmq_client *client, const _cspOsalTime_struct *timeout)
+      : m_timed(timeout != nullptr), m_future(m_result.get_future()) {
+    m_thread = std::thread([this, client, timeout] {
+      m_tid.store(current_tid());
+      lmq_iovec entry{m_buffer, sizeof(m_buffer)};
+      auto start = std::chrono::steady_clock::now();
+      int rc = lmqCXReceive(client, &entry, 1, &m_info, timeout);
+      m_elapsed = std::chrono::steady_clock::now() - start;
+      m_result.set_value(rc);
+    });
+  }
+  ~Receiver() {
+    // A test that failed early leaves a timed receiver waiting: end it by
+    // the clock rather than hang.
+    _cspOsalTime_struct hour{3600, 0};
+    for (int i = 0; m_timed && m_thread.joinable() && i < 1000 && !done_within(10ms); i++) {
+      cspOsalTestAdvanceUptime(&hour);
+    }
+    if (m_thread.joinable()) m_thread.join();
+  }
+  bool blocked() {
+    while (m_tid.load() == 0) std::this_thread::yield();
+    return wait_until_blocked(m_tid.load());
+  }
+  bool done_within(std::chrono::milliseconds wait) {
+    return m_future.wait_for(wait) == std::future_status::ready;
+  }
+  int result() {
+    int rc = m_future.get();
+    m_thread.join();
+    return rc;
+  }
+  std::string data(int rc) const { return std::string(m_buffer, rc > 0 ? rc : 0); }
+  const lmq_rx_info &info() const { return m_info; }
+  std::chrono::steady_clock::duration elapsed() const { return m_elapsed; }
+
+ private:
+  bool m_timed;
+  std::promise<int> m_result;
+  std::future<int> m_future;
+  std::atomic<pid_t> m_tid{0};
+  std::thread m_thread;
+  char m_buffer[256];
+  lmq_rx_info m_info{};
+  std::chrono::steady_clock::duration m_elapsed{};
+};
+
+class LmqThreadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(lmqServerCreate(&m_server), 0);
+    ASSERT_EQ(lmqRegisterPlainId(m_server, "THREADS", 8, &m_id), 0);
+  }
+  void TearDown() override {
+    EXPECT_EQ(lmqUnRegisterPlainId(m_server, m_id), 0);
+    EXPECT_EQ(lmqServerDestroy(m_server), 0);
+  }
+  lmq_server *m_server = nullptr;
+  int16_t m_id = 0;
+};
+
+// --- Messages that check themselves ----------------------------------------
+
+struct Stamp {
+  uint32_t sender;
+  uint32_t seq;
+  uint32_t len;  // payload bytes after the stamp
+  uint32_t sum;
+};
+
+uint8_t pattern(uint32_t sender, uint32_t seq, uint32_t i) {
+  return static_cast<uint8_t>(sender * 31u + seq * 7u + i * 13u + (i >> 8));
+}
+
+uint32_t checksum(const Stamp &s, const uint8_t *payload) {
+  uint32_t h = 2166136261u ^ s.sender ^ (s.seq << 8) ^ (s.len << 20);
+  for (uint32_t i = 0; i < s.len; i++) h = (h ^ payload[i]) * 16777619u;
+  return h;
+}
+
+std::vector<uint8_t> make_message(uint32_t sender, uint32_t seq) {
+  Stamp s{sender, seq, 1u + (seq * 37u + sender * 101u) % 600u, 0};
+  std::vector<uint8_t> m(sizeof(Stamp) + s.len);
+  for (uint32_t i = 0; i < s.len; i++) m[sizeof(Stamp) + i] = pattern(sender, seq, i);
+  s.sum = checksum(s, m.data() + sizeof(Stamp));
+  memcpy(m.data(), &s, sizeof(s));
+  return m;
+}
+
+// Checks a received message's framing and content; returns its stamp.
+::testing::AssertionResult check_message(const uint8_t *data, int size, Stamp *out) {
+  if (size < static_cast<int>(sizeof(Stamp))) return ::testing::AssertionFailure() << "short";
+  Stamp s;
+  memcpy(&s, data, sizeof(s));
+  if (sizeof(Stamp) + s.len != static_cast<size_t>(size)) {
+    return ::testing::AssertionFailure() << "size " << size << " for len " << s.len;
+  }
+  if (checksum(s, data + sizeof(Stamp)) != s.sum) return ::testing::AssertionFailure() << "sum";
+  for (uint32_t i = 0; i < s.len; i++) {
+    if (data[sizeof(Stamp) + i] != pattern(s.sender, s.seq, i)) {
+      return ::testing::AssertionFailure() << "byte " << i << " of " << s.sender << "/" << s.seq;
+    }
+  }
+  *out = s;
+  return ::testing::AssertionSuccess();
+}
+
+// Sends until the receiver's queue takes the message.
+int send_retrying(lmq_client *client, int16_t id, const std::vector<uint8_t> &m) {
+  lmq_iovec vector[2] = {{const_cast<uint8_t *>(m.data()), static_cast<uint32_t>(sizeof(Stamp))},
+                         {const_cast<uint8_t *>(m.data()) + sizeof(Stamp),
+                          static_cast<uint32_t>(m.size() - sizeof(Stamp))}};
+  for (;;) {
+    int rc = lmqCXSendCommand(client, id, vector, 2, 0);
+    if (rc != -105) return rc;
+    std::this_thread::yield();
+  }
+}
+
+// --- Tests -------------------------------------------------------------------
+
+// Several threads, each with its own client, send to one receiver whose
+// small queue runs full again and again: nothing is lost, torn or
+// reordered per sender.
+TEST_F(LmqThreadTest, ManySendersOneReceiver) {
+  constexpr uint32_t kSenders = 4;
+  constexpr uint32_t kPerSender = 2000;
+  Client receiver(m_server, 2048);
+  ASSERT_EQ(lmqHostService(receiver.get(), m_id, 0), 0);
+  std::vector<std::unique_ptr<Client>> senders;
+  std::map<uint32_t, uint32_t> sender_of_number;
+  for (uint32_t t = 0; t < kSenders; t++) {
+    senders.push_back(std::make_unique<Client>(m_server));
+    sender_of_number[senders.back()->number()] = t;
+  }
+
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (uint32_t t = 0; t < kSenders; t++) {
+    threads.emplace_back([&, t] {
+      for (uint32_t seq = 0; seq < kPerSender; seq++) {
+        if (send_retrying(senders[t]->get(), m_id, make_message(t, seq)) != 0) failures++;
+      }
+    });
+  }
+
+  std::vector<uint32_t> next_seq(kSenders, 0);
+  std::vector<uint32_t> last_sequence(kSenders, 0);
+  std::vector<uint8_t> buffer(LMQ_MAX_MESSAGE_SIZE);
+  lmq_iovec entry{buffer.data(), static_cast<uint32_t>(buffer.size())};
+  for (uint32_t n = 1; n <= kSenders * kPerSender; n++) {
+    lmq_rx_info info{};
+    int rc = lmqCXReceive(receiver.get(), &entry, 1, &info, &kExpectWait);
+    ASSERT_GT(rc, 0) << "message " << n;
+    Stamp s;
+    ASSERT_TRUE(check_message(buffer.data(), rc, &s));
+    ASSERT_LT(s.sender, kSenders);
+    ASSERT_EQ(s.seq, next_seq[s.sender]) << "sender " << s.sender;
+    next_seq[s.sender]++;
+    EXPECT_EQ(info.count, n);
+    EXPECT_EQ(info.size, static_cast<uint32_t>(rc));
+    EXPECT_EQ(info.reply.kind, LMQ_KIND_COMMAND);
+    EXPECT_EQ(info.reply.service_id, m_id);
+    ASSERT_EQ(sender_of_number.at(info.reply.client), s.sender);
+    EXPECT_GT(info.reply.sequence, last_sequence[s.sender]);
+    last_sequence[s.sender] = info.reply.sequence;
+  }
+  for (auto &t : threads) t.join();
+  EXPECT_EQ(failures.load(), 0);
+  lmq_rx_info info{};
+  EXPECT_EQ(lmqCXReceive(receiver.get(), &entry, 1, &info, &kNoWait), LMQ_TIMEOUT);
+}
+
+// Several threads send through one shared client: every send gets its own
+// sequence number, and each thread's messages stay in its order.
+TEST_F(LmqThreadTest, ThreadsShareOneSendingClient) {
+  constexpr uint32_t kThreads = 3;
+  constexpr uint32_t kPerThread = 1000;
+  Client receiver(m_server, 4096);
+  Client shared(m_server);
+  ASSERT_EQ(lmqHostService(receiver.get(), m_id, 0), 0);
+  std::vector<std::thread> threads;
+  for (uint32_t t = 0; t < kThreads; t++) {
+    threads.emplace_back([&, t] {
+      for (uint32_t seq = 0; seq < kPerThread; seq++) {
+        EXPECT_EQ(send_retrying(shared.get(), m_id, make_message(t, seq)), 0);
+      }
+    });
+  }
+  std::vector<uint32_t> next_seq(kThreads, 0);
+  std::set<uint32_t> sequences;
+  std::vector<uint8_t> buffer(LMQ_MAX_MESSAGE_SIZE);
+  lmq_iovec entry{buffer.data(), static_cast<uint32_t>(buffer.size())};
+  for (uint32_t n = 0; n < kThreads * kPerThread; n++) {
+    lmq_rx_info info{};
+    int rc = lmqCXReceive(receiver.get(), &entry, 1, &info, &kExpectWait);
+    ASSERT_GT(rc, 0);
+    Stamp s;
+    ASSERT_TRUE(check_message(buffer.data(), rc, &s));
+    ASSERT_EQ(s.seq, next_seq[s.sender]++);
+    EXPECT_EQ(info.reply.client, shared.number());
+    EXPECT_TRUE(sequences.insert(info.reply.sequence).second) << info.reply.sequence;
+  }
+  for (auto &t : threads) t.join();
+}
+
+TEST_F(LmqThreadTest, ReceiverOnAnotherThreadIsWokenBySend) {
+  Client host(m_server), sender(m_server);
+  ASSERT_EQ(lmqHostService(host.get(), m_id, 0), 0);
+  for (int round = 0; round < 5; round++) {
+    Receiver receiver(host.get(), nullptr);  // waits for ever
+    ASSERT_TRUE(receiver.blocked());
+    EXPECT_FALSE(receiver.done_within(0ms));
+    std::string text = "wake " + std::to_string(round);
+    lmq_iovec entry{&text[0], static_cast<uint32_t>(text.size())};
+    ASSERT_EQ(lmqCXSendCommand(sender.get(), m_id, &entry, 1, 0), 0);
+    ASSERT_TRUE(receiver.done_within(10s));
+    int rc = receiver.result();
+    EXPECT_EQ(rc, static_cast<int>(text.size()));
+    EXPECT_EQ(receiver.data(rc), text);
+    EXPECT_EQ(receiver.info().reply.kind, LMQ_KIND_COMMAND);
+  }
+}
+
+// Another thread stops a loop by a message to the loop's own client.
+TEST_F(LmqThreadTest, SelfNotificationFromAnotherThreadWakesReceiver) {
+  Client loop(m_server);
+  _cspOsalTime_struct ten_minutes{600, 0};
+  Receiver receiver(loop.get(), &ten_minutes);
+  ASSERT_TRUE(receiver.blocked());
+  char stop[] = "stop";
+  lmq_iovec entry{stop, 4};
+  ASSERT_EQ(lmqCXNotifySelf(loop.get(), &entry, 1, 0), 0);
+  ASSERT_TRUE(receiver.done_within(10s));
+  int rc = receiver.result();
+  EXPECT_EQ(receiver.data(rc), "stop");
+  EXPECT_EQ(receiver.info().reply.kind, LMQ_KIND_SELF);
+  EXPECT_EQ(receiver.info().reply.service_id, -1);
+}
+
+// A 10-minute timeout ends as soon as the uptime clock is moved by 10
+// minutes; wake-ups that do not reach the deadline (a zero move, half of
+// the time) neither end the wait nor make it return without a message.
+TEST_F(LmqThreadTest, ClockHookEndsLongTimeout) {
+  Client client(m_server);
+  _cspOsalTime_struct ten_minutes{600, 0};
+  _cspOsalTime_struct zero{0, 0};
+  _cspOsalTime_struct five_minutes{300, 0};
+  Receiver receiver(client.get(), &ten_minutes);
+  ASSERT_TRUE(receiver.blocked());
+
+  for (int i = 0; i < 3; i++) ASSERT_EQ(cspOsalTestAdvanceUptime(&zero), 0);
+  EXPECT_FALSE(receiver.done_within(20ms));
+  ASSERT_EQ(cspOsalTestAdvanceUptime(&five_minutes), 0);
+  EXPECT_FALSE(receiver.done_within(20ms));
+  ASSERT_TRUE(receiver.blocked());
+
+  ASSERT_EQ(cspOsalTestAdvanceUptime(&five_minutes), 0);
+  ASSERT_TRUE(receiver.done_within(10s));
+  EXPECT_EQ(receiver.result(), LMQ_TIMEOUT);
+  EXPECT_LT(receiver.elapsed(), 10s);
+}
+
+// Two threads play command and reply; no wake-up is lost.
+TEST_F(LmqThreadTest, CommandReplyPingPong) {
+  constexpr uint32_t kRounds = 5000;
+  Client server_side(m_server), client_side(m_server);
+  ASSERT_EQ(lmqHostService(server_side.get(), m_id, 0), 0);
+  std::thread server_thread([&] {
+    uint32_t value = 0;
+    lmq_iovec entry{&value, sizeof(value)};
+    for (uint32_t i = 0; i < kRounds; i++) {
+      lmq_rx_info info{};
+      int rc = lmqCXReceive(server_side.get(), &entry, 1, &info, &kExpectWait);
+      if (rc != sizeof(value)) {
+        ADD_FAILURE() << "server receive " << rc;
+        return;
+      }
+      value += 1;
+      if (lmqCXReply(server_side.get(), &info.reply, &entry, 1, 0) != 0) {
+        ADD_FAILURE() << "reply";
+        return;
+      }
+    }
+  });
+  uint32_t value = 0;
+  lmq_iovec entry{&value, sizeof(value)};
+  for (uint32_t i = 0; i < kRounds; i++) {
+    value = i * 2;
+    ASSERT_EQ(lmqCXSendCommand(client_side.get(), m_id, &entry, 1, 0), 0);
+    lmq_rx_info info{};
+    ASSERT_EQ(lmqCXReceive(client_side.get(), &entry, 1, &info, &kExpectWait), 4);
+    ASSERT_EQ(value, i * 2 + 1);
+    ASSERT_EQ(info.reply.kind, LMQ_KIND_REPLY);
+    ASSERT_EQ(info.reply.service_id, m_id);
+  }
+  server_thread.join();
+}
+
+// One thread attaches, hosts, subscribes and detaches clients in a loop
+// while another sends commands, notifications and replies to whatever
+// it last heard of, and the main thread moves the uptime clock: every
+// result is one of the documented ones and nothing is left behind.
+TEST_F(LmqThreadTest, AttachDetachWhileOthersSend) {
+  Client peer(m_server, 16384);
+  ASSERT_EQ(lmqSubscribeService(peer.get(), m_id, 0), 0);
+  std::atomic<bool> stop{false};
+  std::atomic<int> unexpected{0};
+
+  std::thread churn([&] {
+    std::vector<unsigned char> queue(512);
+    for (int i = 0; i < 300; i++) {
+      lmq_client client{};
+      if (lmqClientInit(&client, queue.data(), 512) != 0 ||
+          lmqServerAddClient(m_server, &client) != 0 || lmqHostService(&client, m_id, 0) != 0 ||
+          lmqSubscribeService(&client, m_id, 0) != 0) {
+        unexpected++;
+      }
+      char buffer[64];
+      lmq_iovec entry{buffer, sizeof(buffer)};
+      lmq_rx_info info{};
+      while (lmqCXReceive(&client, &entry, 1, &info, &kNoWait) > 0) {
+      }
+      if (i % 2 == 0 && (lmqUnHostService(&client, m_id) != 0 ||
+                         lmqUnSubscribeService(&client, m_id) != 0)) {
+        unexpected++;
+      }
+      if (lmqServerRemoveClient(m_server, &client) != 0 || lmqClientRelease(&client) != 0) {
+        unexpected++;
+      }
+    }
+    stop = true;
+  });
+
+  std::thread sender([&] {
+    char text[] = "traffic";
+    lmq_iovec out{text, sizeof(text)};
+    char buffer[64];
+    lmq_iovec in{buffer, sizeof(buffer)};
+    lmq_address last{};
+    bool have_last = false;
+    while (!stop) {
+      int rc = lmqCXSendCommand(peer.get(), m_id, &out, 1, 0);
+      if (rc != 0 && rc != -113 && rc != -105) unexpected++;
+      rc = lmqCXNotify(peer.get(), m_id, &out, 1, 0);
+      if (rc != 0 && rc != -105) unexpected++;
+      lmq_rx_info info{};
+      while (lmqCXReceive(peer.get(), &in, 1, &info, &kNoWait) > 0) {
+        last = info.reply;
+        have_last = true;
+      }
+      if (have_last) {
+        rc = lmqCXReply(peer.get(), &last, &out, 1, 0);
+        if (rc != 0 && rc != -113 && rc != -105) unexpected++;
+      }
+    }
+  });
+
+  _cspOsalTime_struct zero{0, 0};
+  while (!stop) {
+    ASSERT_EQ(cspOsalTestAdvanceUptime(&zero), 0);
+    std::this_thread::yield();
+  }
+  churn.join();
+  sender.join();
+  EXPECT_EQ(unexpected.load(), 0);
+}
+
+// Receivers with timeouts keep running while the clock moves and a sender
+// sends: messages arrive in order between the timeouts.
+TEST_F(LmqThreadTest, TimeoutsAndMessagesInterleave) {
+  constexpr uint32_t kMessages = 500;
+  Client host(m_server), sender(m_server);
+  ASSERT_EQ(lmqHostService(host.get(), m_id, 0), 0);
+  std::atomic<bool> done{false};
+  std::thread receiver([&] {
+    _cspOsalTime_struct one_second{1, 0};
+    uint32_t expected = 0;
+    uint32_t value = 0;
+    lmq_iovec entry{&value, sizeof(value)};
+    auto start = std::chrono::steady_clock::now();
+    while (expected < kMessages && std::chrono::steady_clock::now() - start < 60s) {
+      lmq_rx_info info{};
+      int rc = lmqCXReceive(host.get(), &entry, 1, &info, &one_second);
+      if (rc == LMQ_TIMEOUT) continue;
+      if (rc != 4 || value != expected) {
+        ADD_FAILURE() << "rc " << rc << " value " << value << " expected " << expected;
+        break;
+      }
+      expected++;
+    }
+    EXPECT_EQ(expected, kMessages);
+    done = true;
+  });
+  std::thread clock([&] {
+    _cspOsalTime_struct step{0, 700000};
+    while (!done) {
+      cspOsalTestAdvanceUptime(&step);
+      std::this_thread::sleep_for(100us);
+    }
+  });
+  for (uint32_t i = 0; i < kMessages; i++) {
+    lmq_iovec entry{&i, sizeof(i)};
+    ASSERT_EQ(lmqCXSendCommand(sender.get(), m_id, &entry, 1, 0), 0);
+    if (i % 16 == 0) std::this_thread::sleep_for(200us);
+  }
+  receiver.join();
+  clock.join();
+}
+
+}  // namespace
