@@ -68,7 +68,8 @@ typedef struct lors_params {
   lmq_server *lmq_server;             /* the message server */
   lmq_client *lmq_client;             /* may be null; if given, no thread */
   uint32_t queue_kib;                 /* receive queue in KiB, 0: 16 */
-  const char *root_path;              /* null: "/com/norvi/" */
+  const char *root_path;              /* null: "/com/norvi/"; read during
+                                         lors_init only */
   uint32_t options;                   /* LORS_OPT_* */
   const lors_fio *fio;                /* null: g_lors_default_fio */
   uint32_t commit_delay_final;        /* ms after the last change, 0: off */
@@ -111,21 +112,35 @@ typedef struct lors_ctx {
   int32_t dirty; /* 0 clean, -1 dirty */
 } lors_ctx;
 
-/* The last server made by a successful lors_init. */
+/* The last server made by a successful lors_init; null again once that
+ * server is shut down. */
 LOREG_EXPORT extern lors_ctx *g_loregServerHandle;
 
 /*
- * Builds a server and stores it in *handle. Returns 0, -22 for a null
- * params or handle, -12 when memory runs out, -14 when the thread cannot
- * be started, or loreg_lmq_init's error. On failure nothing is left
- * behind.
+ * Builds a server and stores it in *handle (and in g_loregServerHandle):
+ * one block for the context, its copy of the file table's texts and the
+ * normalised root path; the root key; the timer queue; the import of the
+ * default location (unless LORS_OPT_EXPORT_BOTH or LORS_OPT_NO_PERSIST;
+ * its result is not looked at); the lmq attachment as host of "LOREG";
+ * and, without params->lmq_client, the thread "lorsmain".
+ *
+ * Returns 0, -22 for a null params or handle, -12 when memory runs out,
+ * -14 when the thread cannot be started, or loreg_lmq_init's error. A
+ * failure undoes what was reached: the lmq attachment, the timer queue,
+ * the root key itself and the context. Keys that an import hung below the
+ * root before a later step failed are not freed.
  */
 LOREG_EXPORT int lors_init(lors_ctx **handle, const lors_params *params);
 
 /*
- * Stops the loop (joining "lorsmain" if there is one), commits with
- * LORS_OPT_COMMIT_ON_SHUTDOWN, detaches from lmq and frees everything.
- * Returns 0, or -14 for an invalid server.
+ * Clears magic first, so that public calls refuse the server from then on;
+ * with a thread, sets stop, wakes the loop with a self-notification of
+ * type 0x000A and joins "lorsmain". Then commits with
+ * LORS_OPT_COMMIT_ON_SHUTDOWN, detaches from lmq, destroys the timers,
+ * deletes the tree, empties the transaction queues and frees the context.
+ * g_loregServerHandle is cleared if it names this server. Requests still
+ * queued are discarded unanswered. Returns 0, or -14 for an invalid
+ * server. Call it from a thread other than "lorsmain".
  */
 LOREG_EXPORT int lors_shutdown(lors_ctx *server);
 

@@ -5,8 +5,11 @@
  * applies the path rule of its type (a request that fails it gets no
  * reply at all), and answers with the request's header in which only the
  * documented fields change (reqid echoed), by lors_send_reply. Handlers
- * return 0. Server thread only. Transactions have their handlers in
- * lors_tas.h, the key update trigger in lors_broadcast.h.
+ * return 0 and leave the request as it came. Server thread only, called by
+ * the dispatch, which has checked the server: the handlers don't look at
+ * magic, since the stop signal is served after shutdown cleared it.
+ * Transactions have their handlers in lors_tas.h, the key update trigger
+ * in lors_broadcast.h.
  */
 #ifndef LOREG_LORS_COMMANDS_H
 #define LOREG_LORS_COMMANDS_H

@@ -75,10 +75,16 @@ void lors_rp_LinkToParent(lors_rp_node *node, lors_rp_node *parent) {
   if (parent == NULL) return;
 
   /* A key goes behind all keys of an equal name, so a later duplicate
-   * follows the earlier one. */
-  lors_rp_node *child;
-  TAILQ_FOREACH(child, &parent->children, link) {
-    if (lstr_cmp(&child->name, &node->name) > 0) break;
+   * follows the earlier one. Children are always sorted, so a key that
+   * sorts at or after the last child is appended without a walk: the
+   * import reads every directory in order and would otherwise pay a walk
+   * over all siblings for each key. */
+  lors_rp_node *last = TAILQ_LAST(&parent->children, lors_rp_children);
+  lors_rp_node *child = NULL;
+  if (last != NULL && lstr_cmp(&last->name, &node->name) > 0) {
+    TAILQ_FOREACH(child, &parent->children, link) {
+      if (lstr_cmp(&child->name, &node->name) > 0) break;
+    }
   }
   if (child != NULL) {
     TAILQ_INSERT_BEFORE(child, node, link);
