@@ -12,8 +12,7 @@
 #include <vector>
 
 #include "loreg/apij.h"
-#include "support/log_capture.h"
-#include "support/test_allocator.h"
+#include "support/apij_fixture.h"
 
 namespace {
 
@@ -63,31 +62,7 @@ long BytesIn(const std::string &line, const std::string &prefix) {
   return std::strtol(line.c_str() + prefix.size(), nullptr, 10);
 }
 
-class ApijTest : public ::testing::Test {
- protected:
-  void Make(uint32_t jobCookieSize = 0, uint32_t cbCookieSize = 0, uint32_t instCookieSize = 0,
-            void *cookie = nullptr) {
-    apij_config config{};
-    config.allocator = alloc.handle();
-    config.jobCookieSize = jobCookieSize;
-    config.cbCookieSize = cbCookieSize;
-    config.instCookieSize = instCookieSize;
-    inst = apij_InstCreate(&config, cookie);
-    ASSERT_NE(inst, nullptr);
-    log.clear();
-  }
-
-  void TearDown() override {
-    if (inst != nullptr) {
-      EXPECT_EQ(apij_InstDestroy(inst), 0);
-    }
-    EXPECT_EQ(alloc.live_blocks(), 0u);
-  }
-
-  testsupport::LogCapture log;
-  testsupport::TestAllocator alloc;
-  apij_inst *inst = nullptr;
-};
+class ApijTest : public testsupport::ApijFixture {};
 
 // ---------------------------------------------------------------------------
 // Instance

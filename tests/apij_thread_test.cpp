@@ -6,23 +6,18 @@
 // apij_JobResultGet, linked to its job, before another thread acts: only
 // then is the path "woken by a signal" exercised rather than "found the job
 // already done". The handler offers no observable state for a linked
-// waiter, so the tests watch the thread itself: it publishes its kernel
-// thread id right before the call, and the test polls
-// /proc/self/task/<tid>/stat every millisecond (bounded to a few seconds)
-// until the thread has been seen sleeping three times in a row. On that
-// path the waiter does nothing that sleeps except the condition wait. The
-// tests then check the result of the signal path itself (no "no need to
-// wait" line), so a wrong guess would make them fail, not pass.
+// waiter, so the tests watch the thread itself with
+// testsupport::wait_until_sleeping (support/thread_state.h): the waiter
+// publishes its kernel thread id right before the call. On that path the
+// waiter does nothing that sleeps except the condition wait. The tests then
+// check the result of the signal path itself (no "no need to wait" line),
+// so a wrong guess would make them fail, not pass.
 #include <gtest/gtest.h>
-
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <random>
@@ -32,8 +27,8 @@
 #include <vector>
 
 #include "loreg/apij.h"
-#include "support/log_capture.h"
-#include "support/test_allocator.h"
+#include "support/apij_fixture.h"
+#include "support/thread_state.h"
 
 namespace {
 
@@ -43,34 +38,6 @@ using WaitResult = std::pair<int, int32_t>;  // return value, out result
 
 constexpr auto kBound = 5s;  // upper bound of every synchronisation wait
 
-pid_t Gettid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
-
-char ThreadState(pid_t tid) {
-  std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
-  std::string stat;
-  std::getline(in, stat);
-  size_t close = stat.rfind(')');
-  if (close == std::string::npos || close + 2 >= stat.size()) return '?';
-  return stat[close + 2];
-}
-
-// True once the thread whose id appears in tid was seen sleeping on three
-// polls in a row; see the comment at the top.
-bool WaitUntilSleeping(const std::atomic<pid_t> &tid) {
-  auto deadline = std::chrono::steady_clock::now() + kBound;
-  int streak = 0;
-  while (std::chrono::steady_clock::now() < deadline) {
-    pid_t t = tid.load();
-    if (t != 0 && ThreadState(t) == 'S') {
-      if (++streak >= 3) return true;
-    } else {
-      streak = 0;
-    }
-    std::this_thread::sleep_for(1ms);
-  }
-  return false;
-}
-
 // A thread that waits for one job with apij_JobResultGet.
 struct Waiter {
   std::atomic<pid_t> tid{0};
@@ -78,13 +45,13 @@ struct Waiter {
 
   void Start(apij_inst *inst, int32_t jobId, int32_t timeOut) {
     result = std::async(std::launch::async, [this, inst, jobId, timeOut] {
-      tid.store(Gettid());
+      tid.store(testsupport::current_tid());
       int32_t out = 1;
       int rc = apij_JobResultGet(inst, jobId, &out, timeOut);
       return WaitResult(rc, out);
     });
   }
-  bool Sleeping() const { return WaitUntilSleeping(tid); }
+  bool Sleeping() const { return testsupport::wait_until_sleeping(tid, kBound); }
   bool Finished(std::chrono::milliseconds within) const {
     return result.wait_for(within) == std::future_status::ready;
   }
@@ -133,24 +100,9 @@ std::future<int> DoneInThread(apij_inst *inst, int32_t jobId, int32_t result) {
   return std::async(std::launch::async, [=] { return apij_JobDone(inst, jobId, result); });
 }
 
-class ApijThreadTest : public ::testing::Test {
+class ApijThreadTest : public testsupport::ApijFixture {
  protected:
-  void SetUp() override {
-    apij_config config{};
-    config.allocator = alloc.handle();
-    inst = apij_InstCreate(&config, nullptr);
-    ASSERT_NE(inst, nullptr);
-  }
-  void TearDown() override {
-    if (inst != nullptr) {
-      EXPECT_EQ(apij_InstDestroy(inst), 0);
-    }
-    EXPECT_EQ(alloc.live_blocks(), 0u);
-  }
-
-  testsupport::LogCapture log;
-  testsupport::TestAllocator alloc;
-  apij_inst *inst = nullptr;
+  void SetUp() override { Make(); }
 };
 
 TEST_F(ApijThreadTest, WaiterIsReleasedByJobDoneInAnotherThread) {

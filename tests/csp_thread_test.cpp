@@ -1,14 +1,11 @@
 // Named threads of the OS layer, and the ltGuard scoped lock.
 #include <gtest/gtest.h>
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <fstream>
 #include <string>
 
 #include "platform/csp_thread.h"
 #include "platform/lt_guard.hpp"
+#include "support/thread_state.h"
 
 namespace {
 
@@ -19,9 +16,7 @@ struct Probe {
 
 void *ReadOwnName(void *arg) {
   auto *probe = static_cast<Probe *>(arg);
-  pid_t tid = static_cast<pid_t>(syscall(SYS_gettid));
-  std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/comm");
-  std::getline(in, probe->comm);
+  probe->comm = testsupport::thread_name(testsupport::current_tid());
   pthread_attr_t attr;
   if (pthread_getattr_np(pthread_self(), &attr) == 0) {
     pthread_attr_getstacksize(&attr, &probe->stack_size);

@@ -12,47 +12,16 @@
 
 #include "platform/csp_osal.h"
 #include "platform/lmq.h"
+#include "support/lmq_client.h"
 #include "support/log_capture.h"
 
 namespace {
 
+// Clients detach and release themselves, so they must go before their
+// server.
+using testsupport::LmqClient;
+
 constexpr _cspOsalTime_struct kNoWait{0, 0};
-
-// A client with its own queue memory. It detaches and releases itself,
-// so it must go before its server.
-class Client {
- public:
-  explicit Client(lmq_server *server, uint32_t queue_size = 4096)
-      : m_server(server), m_queue(queue_size) {
-    EXPECT_EQ(lmqClientInit(&m_client, m_queue.data(), queue_size), 0);
-    if (server != nullptr) {
-      EXPECT_EQ(lmqServerAddClient(server, &m_client), 0);
-    }
-  }
-  ~Client() {
-    if (m_server != nullptr) lmqServerRemoveClient(m_server, &m_client);
-    lmqClientRelease(&m_client);
-  }
-  Client(const Client &) = delete;
-  Client &operator=(const Client &) = delete;
-
-  lmq_client *get() { return &m_client; }
-  uint32_t number() const {
-    lmq_address address;
-    EXPECT_EQ(lmqClientAddress(&m_client, &address), 0);
-    return address.client;
-  }
-  uint32_t node() const {
-    lmq_address address;
-    EXPECT_EQ(lmqClientAddress(&m_client, &address), 0);
-    return address.node;
-  }
-
- private:
-  lmq_server *m_server;
-  lmq_client m_client{};
-  std::vector<unsigned char> m_queue;
-};
 
 struct Received {
   int rc = 0;
@@ -328,8 +297,8 @@ TEST_F(LmqTest, ServersHaveDistinctNodes) {
   lmq_server *other = nullptr;
   ASSERT_EQ(lmqServerCreate(&other), 0);
   {
-    Client a(m_server);
-    Client b(other);
+    LmqClient a(m_server);
+    LmqClient b(other);
     EXPECT_NE(a.node(), b.node());
   }
   EXPECT_EQ(lmqServerDestroy(other), 0);
@@ -371,8 +340,8 @@ TEST_F(LmqTest, RegisterChecksName) {
 }
 
 TEST_F(LmqTest, ServiceIdIsCountedAndLastDropRemovesIt) {
-  Client host(m_server);
-  Client sender(m_server);
+  LmqClient host(m_server);
+  LmqClient sender(m_server);
   int16_t id = register_id(m_server, "SVC");
   EXPECT_EQ(register_id(m_server, "SVC"), id);
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
@@ -390,9 +359,9 @@ TEST_F(LmqTest, ServiceIdIsCountedAndLastDropRemovesIt) {
 }
 
 TEST_F(LmqTest, LastDropRemovesHostsAndSubscribers) {
-  Client host(m_server);
-  Client subscriber(m_server);
-  Client sender(m_server);
+  LmqClient host(m_server);
+  LmqClient subscriber(m_server);
+  LmqClient sender(m_server);
   int16_t id = register_id(m_server, "GONE");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   ASSERT_EQ(lmqSubscribeService(subscriber.get(), id, 0), 0);
@@ -411,8 +380,8 @@ TEST_F(LmqTest, LastDropRemovesHostsAndSubscribers) {
 }
 
 TEST_F(LmqTest, HostAndSubscribeChecks) {
-  Client client(m_server);
-  Client detached(nullptr);
+  LmqClient client(m_server);
+  LmqClient detached(nullptr);
   int16_t id = register_id(m_server, "CHK");
   EXPECT_EQ(lmqHostService(client.get(), id, 1), -22);
   EXPECT_EQ(lmqSubscribeService(client.get(), id, 1), -22);
@@ -440,13 +409,13 @@ TEST_F(LmqTest, HostAndSubscribeChecks) {
 // --- Sending --------------------------------------------------------------
 
 TEST_F(LmqTest, CommandReachesEveryHost) {
-  Client h1(m_server), h2(m_server), h3(m_server), sender(m_server), bystander(m_server);
+  LmqClient h1(m_server), h2(m_server), h3(m_server), sender(m_server), bystander(m_server);
   int16_t id = register_id(m_server, "MULTI");
-  for (Client *h : {&h1, &h2, &h3}) ASSERT_EQ(lmqHostService(h->get(), id, 0), 0);
+  for (LmqClient *h : {&h1, &h2, &h3}) ASSERT_EQ(lmqHostService(h->get(), id, 0), 0);
 
   ASSERT_EQ(command(sender.get(), id, "first"), 0);
   ASSERT_EQ(command(sender.get(), id, "second!"), 0);
-  for (Client *h : {&h1, &h2, &h3}) {
+  for (LmqClient *h : {&h1, &h2, &h3}) {
     Received r = receive(h->get());
     ASSERT_EQ(r.rc, 5);
     EXPECT_EQ(r.data, "first");
@@ -473,8 +442,8 @@ TEST_F(LmqTest, CommandReachesEveryHost) {
 }
 
 TEST_F(LmqTest, CommandWithoutHostOrService) {
-  Client sender(m_server);
-  Client detached(nullptr);
+  LmqClient sender(m_server);
+  LmqClient detached(nullptr);
   int16_t id = register_id(m_server, "NOHOST");
   EXPECT_EQ(command(sender.get(), id, "x"), -113);
   EXPECT_EQ(command(sender.get(), 4321, "x"), -2);
@@ -484,7 +453,7 @@ TEST_F(LmqTest, CommandWithoutHostOrService) {
 }
 
 TEST_F(LmqTest, CommandToSomeFullHostStillReachesTheOthers) {
-  Client full(m_server, 64), h2(m_server), sender(m_server);
+  LmqClient full(m_server, 64), h2(m_server), sender(m_server);
   int16_t id = register_id(m_server, "PART");
   ASSERT_EQ(lmqHostService(full.get(), id, 0), 0);
   ASSERT_EQ(lmqHostService(h2.get(), id, 0), 0);
@@ -497,7 +466,7 @@ TEST_F(LmqTest, CommandToSomeFullHostStillReachesTheOthers) {
 }
 
 TEST_F(LmqTest, NotificationReachesEverySubscriber) {
-  Client s1(m_server), s2(m_server), host(m_server), sender(m_server);
+  LmqClient s1(m_server), s2(m_server), host(m_server), sender(m_server);
   int16_t id = register_id(m_server, "NOTE");
   int16_t quiet = register_id(m_server, "QUIET");
   EXPECT_EQ(notify(sender.get(), id, "nobody"), 0);  // no subscriber is fine
@@ -507,7 +476,7 @@ TEST_F(LmqTest, NotificationReachesEverySubscriber) {
   ASSERT_EQ(lmqSubscribeService(host.get(), quiet, 0), 0);
 
   ASSERT_EQ(notify(sender.get(), id, "hello all"), 0);
-  for (Client *s : {&s1, &s2}) {
+  for (LmqClient *s : {&s1, &s2}) {
     Received r = receive(s->get());
     ASSERT_EQ(r.rc, 9);
     EXPECT_EQ(r.data, "hello all");
@@ -523,7 +492,7 @@ TEST_F(LmqTest, NotificationReachesEverySubscriber) {
 }
 
 TEST_F(LmqTest, GatherVectorMakesOneMessage) {
-  Client host(m_server), sender(m_server);
+  LmqClient host(m_server), sender(m_server);
   int16_t id = register_id(m_server, "GATHER");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   char a[] = "abc";
@@ -550,7 +519,7 @@ TEST_F(LmqTest, GatherVectorMakesOneMessage) {
 }
 
 TEST_F(LmqTest, OversizedMessageIsRefused) {
-  Client big(m_server, 16384), small(m_server, 200), sender(m_server);
+  LmqClient big(m_server, 16384), small(m_server, 200), sender(m_server);
   int16_t id = register_id(m_server, "BIG");
   int16_t small_id = register_id(m_server, "SMALL");
   ASSERT_EQ(lmqHostService(big.get(), id, 0), 0);
@@ -575,7 +544,7 @@ TEST_F(LmqTest, OversizedMessageIsRefused) {
 }
 
 TEST_F(LmqTest, FullQueueRefusesAtOnceAndStaysIntact) {
-  Client host(m_server, 200), sender(m_server);
+  LmqClient host(m_server, 200), sender(m_server);
   int16_t id = register_id(m_server, "FULL");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   std::string m1(76, '1'), m2(76, '2');  // 100 bytes each in the queue
@@ -606,7 +575,7 @@ TEST_F(LmqTest, FullQueueRefusesAtOnceAndStaysIntact) {
 // Random sizes and interleaving over a small queue, so that records and
 // messages are split at the end of the ring in every possible place.
 TEST_F(LmqTest, QueueWrapsWithoutDamage) {
-  Client self(m_server, 257);
+  LmqClient self(m_server, 257);
   std::deque<std::string> model;
   uint32_t seed = 12345;
   auto next = [&seed]() {
@@ -644,7 +613,7 @@ TEST_F(LmqTest, QueueWrapsWithoutDamage) {
 }
 
 TEST_F(LmqTest, MessageLargerThanBuffersIsDroppedWhole) {
-  Client self(m_server);
+  LmqClient self(m_server);
   std::string large(100, 'L');
   ASSERT_EQ(notify_self(self.get(), large), 0);
   ASSERT_EQ(notify_self(self.get(), "small one"), 0);
@@ -676,7 +645,7 @@ TEST_F(LmqTest, MessageLargerThanBuffersIsDroppedWhole) {
 }
 
 TEST_F(LmqTest, ReceiveChecksArguments) {
-  Client self(m_server);
+  LmqClient self(m_server);
   char buffer[16];
   lmq_iovec entry{buffer, sizeof(buffer)};
   lmq_iovec broken{nullptr, 4};
@@ -692,7 +661,7 @@ TEST_F(LmqTest, ReceiveChecksArguments) {
 }
 
 TEST_F(LmqTest, ReceiveTimeouts) {
-  Client self(m_server);
+  LmqClient self(m_server);
   const _cspOsalTime_struct one_ms{0, 1000};
   const _cspOsalTime_struct negative{-1, 0};
   EXPECT_EQ(receive(self.get(), 64, &one_ms).rc, LMQ_TIMEOUT);
@@ -706,7 +675,7 @@ TEST_F(LmqTest, ReceiveTimeouts) {
 }
 
 TEST_F(LmqTest, ReplyReachesTheClientTheAddressNames) {
-  Client host(m_server), a(m_server), c(m_server);
+  LmqClient host(m_server), a(m_server), c(m_server);
   int16_t id = register_id(m_server, "ROUTE");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   ASSERT_EQ(command(a.get(), id, "from a"), 0);
@@ -748,7 +717,7 @@ TEST_F(LmqTest, ReplyReachesTheClientTheAddressNames) {
 }
 
 TEST_F(LmqTest, ReplyToAClientThatIsGone) {
-  Client host(m_server);
+  LmqClient host(m_server);
   lmq_client a{};
   unsigned char queue[256];
   ASSERT_EQ(lmqClientInit(&a, queue, sizeof(queue)), 0);
@@ -782,9 +751,9 @@ TEST_F(LmqTest, ReplyToAnotherNodeIsUnreachable) {
   lmq_server *other = nullptr;
   ASSERT_EQ(lmqServerCreate(&other), 0);
   {
-    Client here(m_server);
-    Client there(other);
-    Client there_too(other);
+    LmqClient here(m_server);
+    LmqClient there(other);
+    LmqClient there_too(other);
     lmq_address address;
     ASSERT_EQ(lmqClientAddress(there.get(), &address), 0);
     EXPECT_EQ(reply(here.get(), address, "x"), -113);
@@ -795,7 +764,7 @@ TEST_F(LmqTest, ReplyToAnotherNodeIsUnreachable) {
 }
 
 TEST_F(LmqTest, SelfNotification) {
-  Client self(m_server), other(m_server);
+  LmqClient self(m_server), other(m_server);
   ASSERT_EQ(notify_self(self.get(), "wake up"), 0);
   Received r = receive(self.get());
   ASSERT_EQ(r.data, "wake up");
@@ -808,7 +777,7 @@ TEST_F(LmqTest, SelfNotification) {
   EXPECT_EQ(lmqCXNotifySelf(nullptr, nullptr, 0, 0), -22);
 
   // A client that is not attached can still wake its own receiver.
-  Client alone(nullptr);
+  LmqClient alone(nullptr);
   ASSERT_EQ(notify_self(alone.get(), "alone"), 0);
   r = receive(alone.get());
   EXPECT_EQ(r.data, "alone");
@@ -819,7 +788,7 @@ TEST_F(LmqTest, SelfNotification) {
 // --- System messages ------------------------------------------------------
 
 TEST_F(LmqTest, SystemMessagesWhenSubscriberComesAfterHost) {
-  Client host(m_server), subscriber(m_server);
+  LmqClient host(m_server), subscriber(m_server);
   int16_t id = register_id(m_server, "SYS1");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   EXPECT_EQ(receive(host.get()).rc, LMQ_TIMEOUT);
@@ -832,7 +801,7 @@ TEST_F(LmqTest, SystemMessagesWhenSubscriberComesAfterHost) {
 }
 
 TEST_F(LmqTest, SystemMessagesWhenHostComesAfterSubscriber) {
-  Client host(m_server), subscriber(m_server);
+  LmqClient host(m_server), subscriber(m_server);
   int16_t id = register_id(m_server, "SYS2");
   ASSERT_EQ(lmqSubscribeService(subscriber.get(), id, 0), 0);
   EXPECT_EQ(receive(subscriber.get()).rc, LMQ_TIMEOUT);
@@ -858,8 +827,8 @@ std::multiset<uint32_t> sysmsg_peers(lmq_client *client, uint32_t type, int16_t 
 }
 
 TEST_F(LmqTest, SystemMessagesForEveryPairInAnyOrder) {
-  Client h1(m_server), h2(m_server), s1(m_server), s2(m_server), s3(m_server);
-  Client both(m_server);  // hosts and subscribes: paired with the others only
+  LmqClient h1(m_server), h2(m_server), s1(m_server), s2(m_server), s3(m_server);
+  LmqClient both(m_server);  // hosts and subscribes: paired with the others only
   int16_t id = register_id(m_server, "PAIRS");
   int16_t unrelated = register_id(m_server, "UNRELATED");
   ASSERT_EQ(lmqSubscribeService(s1.get(), id, 0), 0);
@@ -874,7 +843,7 @@ TEST_F(LmqTest, SystemMessagesForEveryPairInAnyOrder) {
 
   // The unrelated service pairs s1 (host) with h1 (subscriber); take those
   // out first by their service id.
-  auto split = [&](Client &c, int16_t sid, uint32_t type) {
+  auto split = [&](LmqClient &c, int16_t sid, uint32_t type) {
     std::multiset<uint32_t> peers, other;
     for (;;) {
       Received r = receive(c.get());
@@ -901,7 +870,7 @@ TEST_F(LmqTest, SystemMessagesForEveryPairInAnyOrder) {
   auto s1_msgs = split(s1, id, LMQ_SYSMSG_HOST_PRESENT);
   EXPECT_EQ(s1_msgs.first, (std::multiset<uint32_t>{h1.number(), h2.number(), both.number()}));
   EXPECT_EQ(s1_msgs.second, (std::multiset<uint32_t>{h1.number()}));
-  for (Client *s : {&s2, &s3}) {
+  for (LmqClient *s : {&s2, &s3}) {
     EXPECT_EQ(sysmsg_peers(s->get(), LMQ_SYSMSG_HOST_PRESENT, id),
               (std::multiset<uint32_t>{h1.number(), h2.number(), both.number()}));
   }
@@ -926,7 +895,7 @@ TEST_F(LmqTest, SystemMessagesForEveryPairInAnyOrder) {
 }
 
 TEST_F(LmqTest, SystemMessagesAgainAfterLeavingAndJoining) {
-  Client host(m_server), subscriber(m_server);
+  LmqClient host(m_server), subscriber(m_server);
   int16_t id = register_id(m_server, "REJOIN");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   ASSERT_EQ(lmqSubscribeService(subscriber.get(), id, 0), 0);
@@ -941,7 +910,7 @@ TEST_F(LmqTest, SystemMessagesAgainAfterLeavingAndJoining) {
 }
 
 TEST_F(LmqTest, SystemMessageForAFullQueueIsDroppedAndLogged) {
-  Client host(m_server, 64), subscriber(m_server);
+  LmqClient host(m_server, 64), subscriber(m_server);
   int16_t id = register_id(m_server, "DROP");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   std::string filler(40, 'f');  // 40 + 24 fill the 64-byte queue
@@ -983,7 +952,7 @@ void record_sysmsg(void *context, uint32_t type, uint32_t subtype, int16_t sid) 
 }
 
 TEST_F(LmqTest, HandleSystemMessageDecodes) {
-  Client host(m_server), subscriber(m_server);
+  LmqClient host(m_server), subscriber(m_server);
   int16_t id = register_id(m_server, "DECODE");
   ASSERT_EQ(lmqHostService(host.get(), id, 0), 0);
   ASSERT_EQ(lmqSubscribeService(subscriber.get(), id, 0), 0);
@@ -1014,7 +983,7 @@ TEST_F(LmqTest, HandleSystemMessageDecodes) {
 }
 
 TEST_F(LmqTest, HandleSystemMessageRefusesWhatIsNotOne) {
-  Client client(m_server);
+  LmqClient client(m_server);
   SysmsgCall call;
   lmq_sysmsg_pair pair{&call, record_sysmsg};
   lmq_sysmsg_pair no_callback{&call, nullptr};
@@ -1068,7 +1037,7 @@ TEST_F(LmqTest, HandleSystemMessageRefusesWhatIsNotOne) {
 // --- Detaching ------------------------------------------------------------
 
 TEST_F(LmqTest, RemovedClientNoLongerHostsOrSubscribes) {
-  Client sender(m_server);
+  LmqClient sender(m_server);
   lmq_client member{};
   unsigned char queue[512];
   ASSERT_EQ(lmqClientInit(&member, queue, sizeof(queue)), 0);

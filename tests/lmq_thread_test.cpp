@@ -3,14 +3,10 @@
 // and detach while others send. Run under ThreadSanitizer too.
 #include <gtest/gtest.h>
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <future>
 #include <map>
 #include <memory>
@@ -22,9 +18,12 @@
 
 #include "platform/csp_osal.h"
 #include "platform/lmq.h"
+#include "support/lmq_client.h"
+#include "support/thread_state.h"
 
 namespace {
 
+using testsupport::LmqClient;
 using namespace std::chrono_literals;
 
 constexpr _cspOsalTime_struct kNoWait{0, 0};
@@ -32,60 +31,13 @@ constexpr _cspOsalTime_struct kNoWait{0, 0};
 // instead of hanging.
 constexpr _cspOsalTime_struct kExpectWait{30, 0};
 
-class Client {
- public:
-  explicit Client(lmq_server *server, uint32_t queue_size = 8192)
-      : m_server(server), m_queue(queue_size) {
-    EXPECT_EQ(lmqClientInit(&m_client, m_queue.data(), queue_size), 0);
-    EXPECT_EQ(lmqServerAddClient(server, &m_client), 0);
-  }
-  ~Client() {
-    lmqServerRemoveClient(m_server, &m_client);
-    lmqClientRelease(&m_client);
-  }
-  Client(const Client &) = delete;
-  Client &operator=(const Client &) = delete;
-  lmq_client *get() { return &m_client; }
-  uint32_t number() const {
-    lmq_address address;
-    EXPECT_EQ(lmqClientAddress(&m_client, &address), 0);
-    return address.client;
-  }
-
- private:
-  lmq_server *m_server;
-  lmq_client m_client{};
-  std::vector<unsigned char> m_queue;
-};
-
-pid_t current_tid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
-
-// Scheduler state of a thread of this process ('R', 'S', ...).
-char thread_state(pid_t tid) {
-  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-  std::string line;
-  std::getline(stat, line);
-  size_t close = line.rfind(')');
-  return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '?';
-}
-
-// Waits until the thread sleeps in the kernel: after it announced that it
-// enters lmqCXReceive, that is its wait on the client's condition.
-bool wait_until_blocked(pid_t tid) {
-  for (int i = 0; i < 10000; i++) {
-    if (thread_state(tid) == 'S') return true;
-    std::this_thread::sleep_for(1ms);
-  }
-  return false;
-}
-
 // A thread that runs one lmqCXReceive and reports its result.
 class Receiver {
  public:
   Receiver(lmq_client *client, const _cspOsalTime_struct *timeout)
       : m_timed(timeout != nullptr), m_future(m_result.get_future()) {
     m_thread = std::thread([this, client, timeout] {
-      m_tid.store(current_tid());
+      m_tid.store(testsupport::current_tid());
       lmq_iovec entry{m_buffer, sizeof(m_buffer)};
       auto start = std::chrono::steady_clock::now();
       int rc = lmqCXReceive(client, &entry, 1, &m_info, timeout);
@@ -102,10 +54,9 @@ class Receiver {
     }
     if (m_thread.joinable()) m_thread.join();
   }
-  bool blocked() {
-    while (m_tid.load() == 0) std::this_thread::yield();
-    return wait_until_blocked(m_tid.load());
-  }
+  // True once the thread sleeps in the kernel after it announced that it
+  // enters lmqCXReceive: that is its wait on the client's condition.
+  bool blocked() const { return testsupport::wait_until_sleeping(m_tid); }
   bool done_within(std::chrono::milliseconds wait) {
     return m_future.wait_for(wait) == std::future_status::ready;
   }
@@ -209,12 +160,12 @@ int send_retrying(lmq_client *client, int16_t id, const std::vector<uint8_t> &m)
 TEST_F(LmqThreadTest, ManySendersOneReceiver) {
   constexpr uint32_t kSenders = 4;
   constexpr uint32_t kPerSender = 2000;
-  Client receiver(m_server, 2048);
+  LmqClient receiver(m_server, 2048);
   ASSERT_EQ(lmqHostService(receiver.get(), m_id, 0), 0);
-  std::vector<std::unique_ptr<Client>> senders;
+  std::vector<std::unique_ptr<LmqClient>> senders;
   std::map<uint32_t, uint32_t> sender_of_number;
   for (uint32_t t = 0; t < kSenders; t++) {
-    senders.push_back(std::make_unique<Client>(m_server));
+    senders.push_back(std::make_unique<LmqClient>(m_server));
     sender_of_number[senders.back()->number()] = t;
   }
 
@@ -260,8 +211,8 @@ TEST_F(LmqThreadTest, ManySendersOneReceiver) {
 TEST_F(LmqThreadTest, ThreadsShareOneSendingClient) {
   constexpr uint32_t kThreads = 3;
   constexpr uint32_t kPerThread = 1000;
-  Client receiver(m_server, 4096);
-  Client shared(m_server);
+  LmqClient receiver(m_server, 4096);
+  LmqClient shared(m_server);
   ASSERT_EQ(lmqHostService(receiver.get(), m_id, 0), 0);
   std::vector<std::thread> threads;
   for (uint32_t t = 0; t < kThreads; t++) {
@@ -289,7 +240,7 @@ TEST_F(LmqThreadTest, ThreadsShareOneSendingClient) {
 }
 
 TEST_F(LmqThreadTest, ReceiverOnAnotherThreadIsWokenBySend) {
-  Client host(m_server), sender(m_server);
+  LmqClient host(m_server), sender(m_server);
   ASSERT_EQ(lmqHostService(host.get(), m_id, 0), 0);
   for (int round = 0; round < 5; round++) {
     Receiver receiver(host.get(), nullptr);  // waits for ever
@@ -308,7 +259,7 @@ TEST_F(LmqThreadTest, ReceiverOnAnotherThreadIsWokenBySend) {
 
 // Another thread stops a loop by a message to the loop's own client.
 TEST_F(LmqThreadTest, SelfNotificationFromAnotherThreadWakesReceiver) {
-  Client loop(m_server);
+  LmqClient loop(m_server);
   _cspOsalTime_struct ten_minutes{600, 0};
   Receiver receiver(loop.get(), &ten_minutes);
   ASSERT_TRUE(receiver.blocked());
@@ -326,7 +277,7 @@ TEST_F(LmqThreadTest, SelfNotificationFromAnotherThreadWakesReceiver) {
 // minutes; wake-ups that do not reach the deadline (a zero move, half of
 // the time) neither end the wait nor make it return without a message.
 TEST_F(LmqThreadTest, ClockHookEndsLongTimeout) {
-  Client client(m_server);
+  LmqClient client(m_server);
   _cspOsalTime_struct ten_minutes{600, 0};
   _cspOsalTime_struct zero{0, 0};
   _cspOsalTime_struct five_minutes{300, 0};
@@ -348,7 +299,7 @@ TEST_F(LmqThreadTest, ClockHookEndsLongTimeout) {
 // Two threads play command and reply; no wake-up is lost.
 TEST_F(LmqThreadTest, CommandReplyPingPong) {
   constexpr uint32_t kRounds = 5000;
-  Client server_side(m_server), client_side(m_server);
+  LmqClient server_side(m_server), client_side(m_server);
   ASSERT_EQ(lmqHostService(server_side.get(), m_id, 0), 0);
   std::thread server_thread([&] {
     uint32_t value = 0;
@@ -386,7 +337,7 @@ TEST_F(LmqThreadTest, CommandReplyPingPong) {
 // it last heard of, and the main thread moves the uptime clock: every
 // result is one of the documented ones and nothing is left behind.
 TEST_F(LmqThreadTest, AttachDetachWhileOthersSend) {
-  Client peer(m_server, 16384);
+  LmqClient peer(m_server, 16384);
   ASSERT_EQ(lmqSubscribeService(peer.get(), m_id, 0), 0);
   std::atomic<bool> stop{false};
   std::atomic<int> unexpected{0};
@@ -454,7 +405,7 @@ TEST_F(LmqThreadTest, AttachDetachWhileOthersSend) {
 // sends: messages arrive in order between the timeouts.
 TEST_F(LmqThreadTest, TimeoutsAndMessagesInterleave) {
   constexpr uint32_t kMessages = 500;
-  Client host(m_server), sender(m_server);
+  LmqClient host(m_server), sender(m_server);
   ASSERT_EQ(lmqHostService(host.get(), m_id, 0), 0);
   std::atomic<bool> done{false};
   std::thread receiver([&] {

@@ -22,10 +22,10 @@ using testsupport::WireMessage;
 
 const char kDirtyLine[] = "Repository just became dirty.\n";
 const char kCleanLine[] = "Repository is clean again.\n";
-const char kFinalCommit[] = "(delayed final auto-commit) Committing changes.";
-const char kIntermediateCommit[] = "(delayed intermediate auto-commit) Committing changes.";
-const char kChangeCommit[] = "(immediate change auto-commit) Committing changes.";
-const char kTaEndCommit[] = "(immediate ta-end auto-commit) Committing changes.";
+const char kFinalCommit[] = "(delayed final auto-commit) Committing changes.\n";
+const char kIntermediateCommit[] = "(delayed intermediate auto-commit) Committing changes.\n";
+const char kChangeCommit[] = "(immediate change auto-commit) Committing changes.\n";
+const char kTaEndCommit[] = "(immediate ta-end auto-commit) Committing changes.\n";
 
 // Lines whose text is exactly the given one.
 size_t Exact(const LogCapture &log, const std::string &text) {
@@ -121,7 +121,7 @@ TEST_F(CommitTest, CommitDefaultOnACleanRepositoryDoesNothing) {
   Set("/a", "1");
   log.clear();
   EXPECT_EQ(lors_commit_default(server(), "test"), 0);
-  EXPECT_TRUE(log.has_line("(test) Committing changes.")) << log.dump();
+  EXPECT_TRUE(log.has_line("(test) Committing changes.\n")) << log.dump();
   EXPECT_EQ(Writes(), 1u);
   EXPECT_EQ(server()->dirty, 0);
   EXPECT_EQ(server()->commit_count, 1u);
@@ -174,7 +174,7 @@ TEST_F(CommitTest, DelayedWithBothDelaysZeroStaysDirtyUntilShutdown) {
   LogCapture log;
   EXPECT_EQ(f->stop(), 0);
   EXPECT_EQ(Writes(), 1u);
-  EXPECT_TRUE(log.has_line("(shutdown) Committing changes.")) << log.dump();
+  EXPECT_TRUE(log.has_line("(shutdown) Committing changes.\n")) << log.dump();
 }
 
 TEST_F(CommitTest, TenQuickChangesGiveOneExportAfterTheFinalDelay) {

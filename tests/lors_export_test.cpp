@@ -19,63 +19,27 @@
 #include "loreg/lors_import.h"
 #include "support/fault_fio.h"
 #include "support/log_capture.h"
+#include "support/repo_tree.h"
 #include "support/server_fixture.h"
 #include "support/temp_dir.h"
 #include "support/test_allocator.h"
 
 namespace {
 
+using testsupport::dump_tree;
 using testsupport::FaultFio;
+using testsupport::kExampleFile;
 using testsupport::LogCapture;
 using testsupport::ServerFixture;
 using testsupport::ServerOptions;
 using testsupport::TestAllocator;
-
-// The file of the example tree: root, "tv/" with "channel" = 12, "label" =
-// "50% off" with the user bit, and "last" without a value, exported with a
-// commit count of 6 before the export.
-const char kExampleFile[] =
-    "DIR 0x28 /\n"
-    "  DIR 0x08 tv/\n"
-    "    KEY 0x04 channel 12\n"
-    "    KEY 0x05 label 50%25%20off\n"
-    "    KEY 0x00 last\n"
-    "  /DIR\n"
-    "/DIR\n"
-    "COMMIT_COUNT 7\n"
-    "CRC 0x41922fbb\n";
+using testsupport::to_hex;
 
 // Value set modes: a plain value (creating key and directories), and the
 // same with the user bit set.
 constexpr uint32_t kPlain = 0x30400;
 constexpr uint32_t kUser = 0x30401;
 constexpr uint32_t kVolatile = 0x30602;
-
-std::string Hex(const std::string &bytes) {
-  std::string out;
-  char buffer[4];
-  for (unsigned char c : bytes) {
-    std::snprintf(buffer, sizeof(buffer), "%02x", c);
-    out += buffer;
-  }
-  return out;
-}
-
-// One line per key, depth first: path, low eight flag bits, value in hex.
-void DumpInto(const lors_rp_node *node, const std::string &path, std::vector<std::string> &out) {
-  std::string mine = path + std::string(node->name.ptr, node->name.len);
-  char flags[8];
-  std::snprintf(flags, sizeof(flags), "0x%02x", static_cast<unsigned>(node->flags & 0xFF));
-  out.push_back(mine + " " + flags + " " + Hex(std::string(node->value.ptr, node->value.len)));
-  const lors_rp_node *child;
-  TAILQ_FOREACH(child, &node->children, link) DumpInto(child, mine, out);
-}
-
-std::vector<std::string> Dump(const lors_rp_node *root) {
-  std::vector<std::string> out;
-  if (root != nullptr) DumpInto(root, "", out);
-  return out;
-}
 
 // Paths of all keys that carry KEYF_CHANGED.
 void ChangedInto(const lors_rp_node *node, const std::string &path, std::vector<std::string> &out) {
@@ -137,8 +101,8 @@ struct State {
 };
 
 State Snapshot(lors_ctx *server) {
-  return State{server->current_file, server->commit_count, server->export_count,
-               server->dirty,        Dump(server->root),   Changed(server->root)};
+  return State{server->current_file, server->commit_count,    server->export_count,
+               server->dirty,        dump_tree(server->root), Changed(server->root)};
 }
 
 void ExpectSame(const State &before, lors_ctx *server) {
@@ -146,7 +110,7 @@ void ExpectSame(const State &before, lors_ctx *server) {
   EXPECT_EQ(server->commit_count, before.commit_count);
   EXPECT_EQ(server->export_count, before.export_count);
   EXPECT_EQ(server->dirty, before.dirty);
-  EXPECT_EQ(Dump(server->root), before.tree);
+  EXPECT_EQ(dump_tree(server->root), before.tree);
   EXPECT_EQ(Changed(server->root), before.changed);
 }
 
@@ -170,8 +134,8 @@ TEST(ExportFormat, ExampleTreeIsWrittenByteForByteAndReadBack) {
   EXPECT_EQ(lors_exprt_default(server, "test"), 0);
   EXPECT_EQ(testsupport::read_file(f.file1()), kExampleFile);
   EXPECT_FALSE(testsupport::file_exists(f.file0()));
-  EXPECT_TRUE(
-      log.has_line("Export (test): used '" + f.file1() + "', 5 of 5 keys changed, commit_count=7"))
+  EXPECT_TRUE(log.has_line("Export (test): used '" + f.file1() +
+                           "', 5 of 5 keys changed, commit_count=7\n"))
       << log.dump();
   EXPECT_EQ(server->current_file, 1);
   EXPECT_EQ(server->commit_count, 7u);
@@ -179,13 +143,13 @@ TEST(ExportFormat, ExampleTreeIsWrittenByteForByteAndReadBack) {
   EXPECT_EQ(server->dirty, 0);
   EXPECT_TRUE(Changed(server->root).empty());
 
-  std::vector<std::string> tree = Dump(server->root);
+  std::vector<std::string> tree = dump_tree(server->root);
   ASSERT_EQ(tree.size(), 5u);
-  EXPECT_EQ(tree[3], "/tv/label 0x05 " + Hex("50% off"));
+  EXPECT_EQ(tree[3], "/tv/label 0x05 " + to_hex("50% off"));
 
   ASSERT_EQ(f.restart(), 0);
   server = f.server();
-  EXPECT_EQ(Dump(server->root), tree);
+  EXPECT_EQ(dump_tree(server->root), tree);
   EXPECT_EQ(server->commit_count, 7u);
   EXPECT_EQ(server->current_file, 1);
   EXPECT_EQ(server->dirty, 0);
@@ -247,9 +211,9 @@ TEST(ExportFormat, HighBytesPassRawControlsAndZeroAreEscaped) {
   EXPECT_EQ(lines[1], "  KEY 0x04 k\xE4y a%00b\x7F%01%09%0A");
 
   // And the value with its zero byte survives the file.
-  std::vector<std::string> tree = Dump(f.server()->root);
+  std::vector<std::string> tree = dump_tree(f.server()->root);
   ASSERT_EQ(f.restart(), 0);
-  EXPECT_EQ(Dump(f.server()->root), tree);
+  EXPECT_EQ(dump_tree(f.server()->root), tree);
   lors_rp_node *key = Find(f.server(), "/k\xE4y");
   ASSERT_NE(key, nullptr);
   EXPECT_EQ(std::string(key->value.ptr, key->value.len), std::string("a\0b\x7F\x01\t\n", 7));
@@ -272,7 +236,7 @@ TEST(ExportFormat, VolatileKeysAreNeitherWrittenNorCountedNorChecksummed) {
   EXPECT_EQ(testsupport::read_file(f.file1()),
             std::string("DIR 0x28 /\n  KEY 0x04 a 1\n/DIR\nCOMMIT_COUNT 1\n") + crc);
   EXPECT_TRUE(
-      log.has_line("Export (t): used '" + f.file1() + "', 2 of 2 keys changed, commit_count=1"))
+      log.has_line("Export (t): used '" + f.file1() + "', 2 of 2 keys changed, commit_count=1\n"))
       << log.dump();
 }
 
@@ -285,7 +249,7 @@ TEST(ExportFormat, ChangedCountsOnlyKeysChangedSinceTheLastExport) {
   LogCapture log;
   ASSERT_EQ(lors_exprt_default(f.server(), "second"), 0);
   EXPECT_TRUE(log.has_line("Export (second): used '" + f.file0() +
-                           "', 1 of 5 keys changed, commit_count=2"))
+                           "', 1 of 5 keys changed, commit_count=2\n"))
       << log.dump();
   EXPECT_TRUE(Changed(f.server()->root).empty());
 }
@@ -349,7 +313,8 @@ TEST(ExportSlots, CleanRepositoryIsNotWritten) {
   ASSERT_EQ(f.start(), 0);
   LogCapture log;
   EXPECT_EQ(lors_exprt_default(f.server(), "Repository store cmd"), 0);
-  EXPECT_TRUE(log.has_line("Export (Repository store cmd): repository is clean, no need to export"))
+  EXPECT_TRUE(
+      log.has_line("Export (Repository store cmd): repository is clean, no need to export\n"))
       << log.dump();
   EXPECT_FALSE(testsupport::file_exists(f.file0()));
   EXPECT_FALSE(testsupport::file_exists(f.file1()));
@@ -421,9 +386,9 @@ TEST(ExportLimits, KeyWhoseLineWouldReach8192BytesIsLeftOut) {
   LogCapture log;
   ASSERT_EQ(lors_exprt_default(f.server(), "t"), 0);
   EXPECT_EQ(log.count("name/value to long - ignore key"), 1u) << log.dump();
-  EXPECT_TRUE(log.has_line("Export:(l) name/value to long - ignore key"));
+  EXPECT_TRUE(log.has_line("Export:(l) name/value to long - ignore key\n"));
   EXPECT_TRUE(
-      log.has_line("Export (t): used '" + f.file1() + "', 4 of 4 keys changed, commit_count=1"))
+      log.has_line("Export (t): used '" + f.file1() + "', 4 of 4 keys changed, commit_count=1\n"))
       << log.dump();
 
   std::string content = testsupport::read_file(f.file1());
@@ -435,13 +400,13 @@ TEST(ExportLimits, KeyWhoseLineWouldReach8192BytesIsLeftOut) {
   EXPECT_EQ(lines[3], "  KEY 0x04 m 2");
 
   // The file stays valid: the next start reads it, without "l".
-  std::vector<std::string> tree = Dump(f.server()->root);
+  std::vector<std::string> tree = dump_tree(f.server()->root);
   tree.erase(std::remove_if(tree.begin(), tree.end(),
                             [](const std::string &line) { return line.rfind("/l ", 0) == 0; }),
              tree.end());
   ASSERT_EQ(tree.size(), 4u);
   ASSERT_EQ(f.restart(), 0);
-  EXPECT_EQ(Dump(f.server()->root), tree);
+  EXPECT_EQ(dump_tree(f.server()->root), tree);
   EXPECT_EQ(f.server()->commit_count, 1u);
 }
 
@@ -524,7 +489,7 @@ TEST(ExportDepthGuard, DeepChainIsCutWhereLinesStopFittingAndTheFileStaysValid) 
   // the deepest that ends before the buffer's last byte.
   const int kWritten = 4089;
   EXPECT_EQ(log.count("name/value to long - ignore key"), 1u);
-  EXPECT_TRUE(log.has_line("Export:(d/) name/value to long - ignore key"));
+  EXPECT_TRUE(log.has_line("Export:(d/) name/value to long - ignore key\n"));
 
   const std::string &content = MemFiles()[f.file1()];
   std::vector<std::string> lines = Lines(content);
@@ -623,7 +588,7 @@ TEST(ExportDepthGuard, NodeDeeperThanTheBufferWritesNothing) {
   LogCapture log;
   EXPECT_EQ(lors_exprt_node(&context, dir), 0);
   EXPECT_TRUE(Written().empty());
-  EXPECT_TRUE(log.has_line("Export:(x/) name/value to long - ignore key"));
+  EXPECT_TRUE(log.has_line("Export:(x/) name/value to long - ignore key\n"));
 
   lors_rp_DeleteRecursive(nullptr, dir, nullptr);
 }
@@ -689,10 +654,10 @@ TEST_F(ExportFaults, OpenFailureChangesNothingAndTheRetryUsesTheSameSlot) {
   int rc = lors_exprt_default(server, "lbl");
   ExpectFailedExport(before, rc, -5);
   EXPECT_TRUE(
-      log.has_line("Export (lbl): failed to open '" + f_->file0() + "' on '(null)' for writing!"))
+      log.has_line("Export (lbl): failed to open '" + f_->file0() + "' on '(null)' for writing!\n"))
       << log.dump();
   EXPECT_TRUE(
-      log.has_line("Export (lbl): WARNING: failed to save repository to default location!"));
+      log.has_line("Export (lbl): WARNING: failed to save repository to default location!\n"));
   ExpectRetrySucceeds(before);
 }
 
@@ -711,7 +676,7 @@ TEST_F(ExportFaults, EveryFailingWriteAbortsTheExportAndChangesNothing) {
     failures++;
     ExpectFailedExport(before, rc, -5);
     EXPECT_TRUE(
-        log.has_line("Export (w): WARNING: failed to save repository to default location!"));
+        log.has_line("Export (w): WARNING: failed to save repository to default location!\n"));
     EXPECT_EQ(log.count("byte(s) written - abort"), 1u) << log.dump();
     // Every attempt went to slot 0.
     EXPECT_EQ(fio_.opened().back().file, f_->file0());
@@ -743,12 +708,12 @@ TEST_F(ExportFaults, EveryShortWriteAbortsWithItsMessage) {
     ASSERT_LT(n, 100u);
   }
   ASSERT_EQ(messages.size(), 12u);
-  EXPECT_EQ(messages[0], "Export:(/) only 3 of 11 header byte(s) written - abort");
-  EXPECT_EQ(messages[1], "Export:(radio/) only 3 of 18 header byte(s) written - abort");
-  EXPECT_EQ(messages[3], "Export:(radio/) only 3 of 7 dirend-token byte(s) written - abort");
-  EXPECT_EQ(messages[9], "Export:(/) only 3 of 5 dirend-token byte(s) written - abort");
-  EXPECT_EQ(messages[10], "Export: only 3 of 15 commit count token byte(s) written - abort");
-  EXPECT_EQ(messages[11], "Export: only 3 of 15 crc token byte(s) written - abort");
+  EXPECT_EQ(messages[0], "Export:(/) only 3 of 11 header byte(s) written - abort\n");
+  EXPECT_EQ(messages[1], "Export:(radio/) only 3 of 18 header byte(s) written - abort\n");
+  EXPECT_EQ(messages[3], "Export:(radio/) only 3 of 7 dirend-token byte(s) written - abort\n");
+  EXPECT_EQ(messages[9], "Export:(/) only 3 of 5 dirend-token byte(s) written - abort\n");
+  EXPECT_EQ(messages[10], "Export: only 3 of 15 commit count token byte(s) written - abort\n");
+  EXPECT_EQ(messages[11], "Export: only 3 of 15 crc token byte(s) written - abort\n");
 }
 
 TEST_F(ExportFaults, CloseErrorOfTheTableReplacesTheResult) {
@@ -761,7 +726,7 @@ TEST_F(ExportFaults, CloseErrorOfTheTableReplacesTheResult) {
   ExpectSame(before, server);
   EXPECT_EQ(fio_.open_handles(), 0u);
   EXPECT_TRUE(log.has_line("Export (c): failed to close '" + f_->file0() +
-                           "' on '(null)' after writing! (code -28)"))
+                           "' on '(null)' after writing! (code -28)\n"))
       << log.dump();
   EXPECT_FALSE(log.contains("Export (c): used"));
   ExpectRetrySucceeds(before);
@@ -821,7 +786,7 @@ TEST(ExportNoTable, MissingOpenFunctionGivesEopnotsupp) {
   LogCapture log;
   EXPECT_EQ(lors_exprt_default(server, "n"), -95);
   server->fio_copy.open = saved;
-  EXPECT_TRUE(log.has_line("Export (n): no file i/o functions available!")) << log.dump();
+  EXPECT_TRUE(log.has_line("Export (n): no file i/o functions available!\n")) << log.dump();
   ExpectSame(before, server);
   EXPECT_FALSE(testsupport::file_exists(f.file1()));
 }
@@ -853,7 +818,7 @@ TEST(ExportMemory, ScratchAllocationFailureGivesEnomemAndChangesNothing) {
       ExpectSame(before, server);
       EXPECT_EQ(alloc.live_blocks(), live);
       EXPECT_FALSE(testsupport::file_exists(f.file1()));
-      EXPECT_TRUE(log.has_line("Export (m): failed to allocate 8192 bytes scratch buffer!"))
+      EXPECT_TRUE(log.has_line("Export (m): failed to allocate 8192 bytes scratch buffer!\n"))
           << log.dump();
       ASSERT_LT(n, 50u);
     }

@@ -10,14 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "loreg/lors_fio.h"
 #include "support/fault_fio.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -36,37 +35,11 @@ std::vector<std::string> LinesWithoutNewline(const testsupport::LogCapture &log)
 
 using testsupport::FaultFio;
 using testsupport::LogCapture;
+using testsupport::read_file;
+using testsupport::TempDir;
+using testsupport::write_file;
 
 constexpr uint32_t kServerModule = 0xB100;
-
-// A private directory under /tmp, removed with everything in it.
-class TempDir {
- public:
-  TempDir() {
-    char templ[] = "/tmp/lors_fio_test.XXXXXX";
-    char *made = mkdtemp(templ);
-    EXPECT_NE(made, nullptr) << std::strerror(errno);
-    if (made != nullptr) m_path = made;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!m_path.empty()) std::filesystem::remove_all(m_path, ec);
-  }
-  std::string file(const char *name) const { return m_path + "/" + name; }
-
- private:
-  std::string m_path;
-};
-
-std::string ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteFile(const std::string &path, const std::string &content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-}
 
 off_t FileSize(const std::string &path) {
   struct stat st;
@@ -151,7 +124,7 @@ TEST_F(FioTest, WriteThenReadBack) {
   EXPECT_EQ(Write(handle, ""), 0);
   EXPECT_EQ(h->written, 12u);
   EXPECT_EQ(lors_fio_close(handle), 0);
-  EXPECT_EQ(ReadFile(path), "hello world\n");
+  EXPECT_EQ(read_file(path), "hello world\n");
 
   auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u) << log.dump();
@@ -175,7 +148,7 @@ TEST_F(FioTest, WriteThenReadBack) {
 
 TEST_F(FioTest, CloseOfAReadHandleDoesNotSync) {
   std::string path = dir_.file("r.dat");
-  WriteFile(path, "data");
+  write_file(path, "data");
   LogCapture log;
   void *handle = lors_fio_open(nullptr, path.c_str(), LORS_FIO_MODE_READ);
   ASSERT_NE(handle, nullptr);
@@ -200,7 +173,7 @@ TEST_F(FioTest, ModeBitTwoAloneDecides) {
     EXPECT_EQ(log.count("open('" + path + "', 0x00) failed. errno=2"), 1u) << log.dump();
   }
   for (uint32_t mode : {2u, 3u, 6u, 0xFFu}) {
-    WriteFile(path, "old");
+    write_file(path, "old");
     LogCapture log;
     void *handle = lors_fio_open(nullptr, path.c_str(), mode);
     ASSERT_NE(handle, nullptr) << mode;
@@ -238,14 +211,14 @@ TEST_F(FioTest, OpenForWritingInAMissingDirectoryShowsTheOpenFlags) {
 
 TEST_F(FioTest, OpeningAnExistingFileForWritingTruncatesAtOnce) {
   std::string path = dir_.file("t.dat");
-  WriteFile(path, "previous contents of the file");
+  write_file(path, "previous contents of the file");
   ASSERT_EQ(FileSize(path), 29);
   void *handle = lors_fio_open(nullptr, path.c_str(), LORS_FIO_MODE_WRITE);
   ASSERT_NE(handle, nullptr);
   EXPECT_EQ(FileSize(path), 0);
   EXPECT_EQ(Write(handle, "new"), 3);
   EXPECT_EQ(lors_fio_close(handle), 0);
-  EXPECT_EQ(ReadFile(path), "new");
+  EXPECT_EQ(read_file(path), "new");
 }
 
 TEST_F(FioTest, CreatedFileHasMode666LessTheUmask) {
@@ -318,7 +291,7 @@ TEST_F(FioTest, ReadErrorReturnsMinusErrno) {
 
 TEST_F(FioTest, WriteErrorReturnsMinusErrnoAndCountsNothing) {
   std::string path = dir_.file("r.dat");
-  WriteFile(path, "x");
+  write_file(path, "x");
   void *handle = lors_fio_open(nullptr, path.c_str(), LORS_FIO_MODE_READ);
   ASSERT_NE(handle, nullptr);
   LogCapture log;
@@ -327,7 +300,7 @@ TEST_F(FioTest, WriteErrorReturnsMinusErrnoAndCountsNothing) {
   EXPECT_EQ(LinesWithoutNewline(log), (std::vector<std::string>{"lors_fio_write(" + path +
                                                    ") write( 3 byte(s) ) failed. errno=9"}));
   EXPECT_EQ(lors_fio_close(handle), 0);
-  EXPECT_EQ(ReadFile(path), "x");
+  EXPECT_EQ(read_file(path), "x");
 }
 
 TEST_F(FioTest, FailingSyncAndCloseAreLoggedAndIgnored) {
@@ -348,7 +321,7 @@ TEST_F(FioTest, FailingSyncAndCloseAreLoggedAndIgnored) {
 
 TEST_F(FioTest, FailingCloseOfAReadHandleIsLoggedAndIgnored) {
   std::string path = dir_.file("c.dat");
-  WriteFile(path, "x");
+  write_file(path, "x");
   void *handle = lors_fio_open(nullptr, path.c_str(), LORS_FIO_MODE_READ);
   ASSERT_NE(handle, nullptr);
   ASSERT_EQ(close(static_cast<lors_fio_handle *>(handle)->fd), 0);
@@ -407,7 +380,7 @@ TEST_F(FaultFioTest, FailsTheNthWriteOnly) {
   EXPECT_TRUE(fio_.failed(FaultFio::Op::Write));
   EXPECT_EQ(TWrite(h, "three"), 5);
   EXPECT_EQ(fio_.table()->close(h), 0);
-  EXPECT_EQ(ReadFile(fio_.file0()), "one three");
+  EXPECT_EQ(read_file(fio_.file0()), "one three");
   EXPECT_EQ(fio_.calls(FaultFio::Op::Write), 3u);
   EXPECT_EQ(fio_.bytes_written(), 9u);
   EXPECT_EQ(fio_.open_handles(), 0u);
@@ -427,11 +400,11 @@ TEST_F(FaultFioTest, ShortWriteWritesOnlyPartOfTheBuffer) {
   fio_.short_write_at(1, 0);
   EXPECT_EQ(TWrite(h, "zz"), 0);
   EXPECT_EQ(fio_.table()->close(h), 0);
-  EXPECT_EQ(ReadFile(fio_.file1()), "abcXY123");
+  EXPECT_EQ(read_file(fio_.file1()), "abcXY123");
 }
 
 TEST_F(FaultFioTest, FailsTheNthOpenReadAndClose) {
-  WriteFile(fio_.file0(), "0123456789");
+  write_file(fio_.file0(), "0123456789");
   fio_.fail_at(FaultFio::Op::Open, 2);
   void *first = Open(LORS_FIO_MODE_READ, fio_.file0());
   ASSERT_NE(first, nullptr);
@@ -439,7 +412,7 @@ TEST_F(FaultFioTest, FailsTheNthOpenReadAndClose) {
   EXPECT_EQ(Open(LORS_FIO_MODE_WRITE, fio_.file0()), nullptr);
   EXPECT_EQ(errno, EIO);
   EXPECT_TRUE(fio_.failed(FaultFio::Op::Open));
-  EXPECT_EQ(ReadFile(fio_.file0()), "0123456789") << "a failed open touches nothing";
+  EXPECT_EQ(read_file(fio_.file0()), "0123456789") << "a failed open touches nothing";
   EXPECT_EQ(fio_.open_handles(), 1u);
 
   fio_.fail_at(FaultFio::Op::Read, 2, -9);
@@ -482,7 +455,7 @@ TEST_F(FaultFioTest, CountersOfEachOperationAreSeparateAndDisarmStops) {
   EXPECT_FALSE(fio_.failed(FaultFio::Op::Write));
   EXPECT_EQ(fio_.table()->close(h), 0);
   EXPECT_FALSE(fio_.failed(FaultFio::Op::Close));
-  EXPECT_EQ(ReadFile(fio_.file0()), "ab");
+  EXPECT_EQ(read_file(fio_.file0()), "ab");
 }
 
 TEST_F(FaultFioTest, ForwardsTheDefaultBackendsErrors) {

@@ -17,54 +17,21 @@
 #include "loreg/lors_export.h"
 #include "support/fault_fio.h"
 #include "support/log_capture.h"
+#include "support/repo_tree.h"
 #include "support/server_fixture.h"
 #include "support/temp_dir.h"
 #include "support/test_allocator.h"
 
 namespace {
 
+using testsupport::dump_tree;
 using testsupport::FaultFio;
+using testsupport::kExampleFile;
 using testsupport::LogCapture;
 using testsupport::ServerFixture;
 using testsupport::ServerOptions;
 using testsupport::TestAllocator;
-
-const char kExampleFile[] =
-    "DIR 0x28 /\n"
-    "  DIR 0x08 tv/\n"
-    "    KEY 0x04 channel 12\n"
-    "    KEY 0x05 label 50%25%20off\n"
-    "    KEY 0x00 last\n"
-    "  /DIR\n"
-    "/DIR\n"
-    "COMMIT_COUNT 7\n"
-    "CRC 0x41922fbb\n";
-
-std::string Hex(const std::string &bytes) {
-  std::string out;
-  char buffer[4];
-  for (unsigned char c : bytes) {
-    std::snprintf(buffer, sizeof(buffer), "%02x", c);
-    out += buffer;
-  }
-  return out;
-}
-
-// One line per key, depth first: path, low eight flag bits, value in hex.
-void DumpInto(const lors_rp_node *node, const std::string &path, std::vector<std::string> &out) {
-  std::string mine = path + std::string(node->name.ptr, node->name.len);
-  char flags[8];
-  std::snprintf(flags, sizeof(flags), "0x%02x", static_cast<unsigned>(node->flags & 0xFF));
-  out.push_back(mine + " " + flags + " " + Hex(std::string(node->value.ptr, node->value.len)));
-  const lors_rp_node *child;
-  TAILQ_FOREACH(child, &node->children, link) DumpInto(child, mine, out);
-}
-
-std::vector<std::string> Dump(const lors_rp_node *root) {
-  std::vector<std::string> out;
-  if (root != nullptr) DumpInto(root, "", out);
-  return out;
-}
+using testsupport::to_hex;
 
 bool AnyChanged(const lors_rp_node *node) {
   if (node->flags & KEYF_CHANGED) return true;
@@ -127,7 +94,7 @@ struct State {
 
 State Snapshot(lors_ctx *server) {
   return State{server->root, server->current_file, server->commit_count, server->dirty,
-               Dump(server->root)};
+               dump_tree(server->root)};
 }
 
 void ExpectSame(const State &before, lors_ctx *server) {
@@ -135,7 +102,7 @@ void ExpectSame(const State &before, lors_ctx *server) {
   EXPECT_EQ(server->current_file, before.current_file);
   EXPECT_EQ(server->commit_count, before.commit_count);
   EXPECT_EQ(server->dirty, before.dirty);
-  EXPECT_EQ(Dump(server->root), before.tree);
+  EXPECT_EQ(dump_tree(server->root), before.tree);
 }
 
 // Imports one hand-made file into a fresh server (count 0) and returns the
@@ -154,8 +121,8 @@ class ImportFile : public ::testing::Test {
   void ExpectRefused(int rc) {
     EXPECT_EQ(rc, -9);
     ExpectSame(before_, f_.server());
-    EXPECT_TRUE(
-        HasWhere(log_, "lors_import", "():  Import file (" + f_.file0() + ") failed !!! res = -9."))
+    EXPECT_TRUE(HasWhere(log_, "lors_import",
+                         "():  Import file (" + f_.file0() + ") failed !!! res = -9.\n"))
         << log_.dump();
   }
 
@@ -171,9 +138,9 @@ class ImportFile : public ::testing::Test {
 TEST_F(ImportFile, ExampleFileGivesItsTree) {
   EXPECT_EQ(Import(kExampleFile), 0);
   lors_ctx *server = f_.server();
-  EXPECT_EQ(Dump(server->root),
-            (std::vector<std::string>{"/ 0x28 ", "/tv/ 0x08 ", "/tv/channel 0x04 " + Hex("12"),
-                                      "/tv/label 0x05 " + Hex("50% off"), "/tv/last 0x00 "}));
+  EXPECT_EQ(dump_tree(server->root),
+            (std::vector<std::string>{"/ 0x28 ", "/tv/ 0x08 ", "/tv/channel 0x04 " + to_hex("12"),
+                                      "/tv/label 0x05 " + to_hex("50% off"), "/tv/last 0x00 "}));
   EXPECT_EQ(server->commit_count, 7u);
   EXPECT_EQ(server->dirty, 0);
   EXPECT_FALSE(AnyChanged(server->root));
@@ -181,13 +148,13 @@ TEST_F(ImportFile, ExampleFileGivesItsTree) {
   EXPECT_EQ(server->current_file, 0);  // only lors_imprt_default chooses a slot
   std::string file = f_.file0();
   EXPECT_TRUE(HasWhere(log_, "lors_import",
-                       "():  @@@@@@ Import: pass all checking when import loreg data @@@@@@ "));
+                       "():  @@@@@@ Import: pass all checking when import loreg data @@@@@@ \n"));
   EXPECT_TRUE(HasWhere(
       log_, "lors_import",
-      "(): Import: '" + file + "' file commit count is: (7) more than last  (0), res = 0."));
+      "(): Import: '" + file + "' file commit count is: (7) more than last  (0), res = 0.\n"));
   EXPECT_TRUE(HasWhere(log_, "lors_import",
-                       "(): Import: 5 key(s) read from '" + file + "', commit_count=7."));
-  EXPECT_TRUE(HasWhere(log_, "lors_import", "():  Import file (" + file + ") successfully!"))
+                       "(): Import: 5 key(s) read from '" + file + "', commit_count=7.\n"));
+  EXPECT_TRUE(HasWhere(log_, "lors_import", "():  Import file (" + file + ") successfully!\n"))
       << log_.dump();
 }
 
@@ -196,8 +163,8 @@ TEST_F(ImportFile, OnlyTheUserBitIsTakenFromTheFile) {
                    Trailer(1, "/d/kvu")),
             0);
   EXPECT_EQ(
-      Dump(f_.server()->root),
-      (std::vector<std::string>{"/ 0x28 ", "/d/ 0x09 ", "/d/k 0x04 " + Hex("v"), "/u 0x01 "}));
+      dump_tree(f_.server()->root),
+      (std::vector<std::string>{"/ 0x28 ", "/d/ 0x09 ", "/d/k 0x04 " + to_hex("v"), "/u 0x01 "}));
   EXPECT_FALSE(AnyChanged(f_.server()->root));
 }
 
@@ -209,16 +176,16 @@ TEST_F(ImportFile, EscapesAreDecodedLeniently) {
                    Trailer(1, raw)),
             0)
       << log_.dump();
-  EXPECT_EQ(Dump(f_.server()->root),
-            (std::vector<std::string>{"/ 0x28 ", "/J J 0x04 " + Hex("S"),
-                                      "/a 0x04 " + Hex(std::string("\0x", 2))}));
+  EXPECT_EQ(dump_tree(f_.server()->root),
+            (std::vector<std::string>{"/ 0x28 ", "/J J 0x04 " + to_hex("S"),
+                                      "/a 0x04 " + to_hex(std::string("\0x", 2))}));
 }
 
 TEST_F(ImportFile, SiblingsAreSortedAndDuplicatesKept) {
   EXPECT_EQ(Import("DIR 0x28 /\n  KEY 0x04 b 1\n  KEY 0x04 a 2\n  KEY 0x04 a 3\n/DIR\n" +
                    Trailer(1, "/b1a2a3")),
             0);
-  EXPECT_EQ(Dump(f_.server()->root),
+  EXPECT_EQ(dump_tree(f_.server()->root),
             (std::vector<std::string>{"/ 0x28 ", "/a 0x04 32", "/a 0x04 33", "/b 0x04 31"}));
 }
 
@@ -226,14 +193,14 @@ TEST_F(ImportFile, FifthWordAndUnknownLinesAreIgnored) {
   EXPECT_EQ(Import("DIR 0x28 /\n  KEY 0x04 k v extra\n  FUTURE whatever\n/DIR\nCOMMIT_COUNT 3\n" +
                    CrcLine("/kv") + "\nNOTE after\nCOMMIT_COUNT 4\n"),
             0);
-  EXPECT_EQ(Dump(f_.server()->root), (std::vector<std::string>{"/ 0x28 ", "/k 0x04 76"}));
+  EXPECT_EQ(dump_tree(f_.server()->root), (std::vector<std::string>{"/ 0x28 ", "/k 0x04 76"}));
   // A later count overrides an earlier one, also behind the CRC line.
   EXPECT_EQ(f_.server()->commit_count, 4u);
 }
 
 TEST_F(ImportFile, MissingFinalDirEndIsAccepted) {
   EXPECT_EQ(Import("DIR 0x28 /\n  DIR 0x08 d/\n    KEY 0x04 k v\n" + Trailer(2, "/d/kv")), 0);
-  EXPECT_EQ(Dump(f_.server()->root),
+  EXPECT_EQ(dump_tree(f_.server()->root),
             (std::vector<std::string>{"/ 0x28 ", "/d/ 0x08 ", "/d/k 0x04 76"}));
 }
 
@@ -252,7 +219,7 @@ TEST_F(ImportFile, CrLfLineEndsAreAccepted) {
   }
   EXPECT_EQ(Import(content), 0);
   EXPECT_EQ(f_.server()->commit_count, 7u);
-  EXPECT_EQ(Dump(f_.server()->root).size(), 5u);
+  EXPECT_EQ(dump_tree(f_.server()->root).size(), 5u);
 }
 
 // ------------------------------------------------------------ refusals
@@ -260,7 +227,7 @@ TEST_F(ImportFile, CrLfLineEndsAreAccepted) {
 TEST_F(ImportFile, FileCutInTheMiddleHasNoCrcLine) {
   std::string content = kExampleFile;
   ExpectRefused(Import(content.substr(0, content.find("KEY 0x00 last"))));
-  EXPECT_TRUE(log_.has_line("Import: '" + f_.file0() + "' file does not end with CRC token."))
+  EXPECT_TRUE(log_.has_line("Import: '" + f_.file0() + "' file does not end with CRC token.\n"))
       << log_.dump();
 }
 
@@ -268,88 +235,91 @@ TEST_F(ImportFile, InvalidBeforeTheCrcLineFails) {
   std::string content = kExampleFile;
   content.insert(content.find("/DIR\nCOMMIT"), "INVALID\n");
   ExpectRefused(Import(content));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(7) + " marked to be invalid")) << log_.dump();
+  EXPECT_TRUE(log_.has_line("Import: " + Where(7) + " marked to be invalid\n")) << log_.dump();
 }
 
 TEST_F(ImportFile, InvalidAfterTheCrcLineFails) {
   ExpectRefused(Import(std::string(kExampleFile) + "INVALID\n"));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(10) + " marked to be invalid")) << log_.dump();
+  EXPECT_TRUE(log_.has_line("Import: " + Where(10) + " marked to be invalid\n")) << log_.dump();
 }
 
 TEST_F(ImportFile, DirLineWithoutSlashFails) {
   ExpectRefused(Import("DIR 0x28 /\n  DIR 0x08 tv\n  /DIR\n/DIR\n" + Trailer(1, "/tv")));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(2) + " KEY instead of DIR expected for 'tv'"))
+  EXPECT_TRUE(log_.has_line("Import: " + Where(2) + " KEY instead of DIR expected for 'tv'\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, KeyLineWithSlashFails) {
   ExpectRefused(Import("DIR 0x28 /\n  KEY 0x08 tv/\n/DIR\n" + Trailer(1, "/tv/")));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(2) + " DIR instead of KEY expected for 'tv/'"))
+  EXPECT_TRUE(log_.has_line("Import: " + Where(2) + " DIR instead of KEY expected for 'tv/'\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, RootNamedOtherwiseFails) {
   ExpectRefused(Import("DIR 0x28 r/\n  KEY 0x04 a 1\n/DIR\n" + Trailer(1, "r/a1")));
   EXPECT_TRUE(
-      log_.has_line("Import: '" + f_.file0() + "' invalid root key name ('r/' instead '/')"))
+      log_.has_line("Import: '" + f_.file0() + "' invalid root key name ('r/' instead '/')\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, FileWithoutNodesHasNoRoot) {
   ExpectRefused(Import("COMMIT_COUNT 1\n" + CrcLine("") + "\n"));
-  EXPECT_TRUE(log_.has_line("Import: '" + f_.file0() + "' no new root key read from file."))
+  EXPECT_TRUE(log_.has_line("Import: '" + f_.file0() + "' no new root key read from file.\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, KeyOutsideDirFails) {
   ExpectRefused(Import("KEY 0x04 a 1\n" + Trailer(1, "a1")));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(1) + " found KEY outside DIR token")) << log_.dump();
+  EXPECT_TRUE(log_.has_line("Import: " + Where(1) + " found KEY outside DIR token\n"))
+      << log_.dump();
 }
 
 TEST_F(ImportFile, DirEndWithoutDirFails) {
   ExpectRefused(Import("/DIR\n" + Trailer(1, "")));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(1) + " found /DIR without preceeding DIR token"))
+  EXPECT_TRUE(log_.has_line("Import: " + Where(1) + " found /DIR without preceeding DIR token\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, SecondTopLevelDirFails) {
   ExpectRefused(Import("DIR 0x28 /\n/DIR\nDIR 0x28 /\n/DIR\n" + Trailer(1, "//")));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(3) + " found more than one top-level DIR token!"))
+  EXPECT_TRUE(log_.has_line("Import: " + Where(3) + " found more than one top-level DIR token!\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, CrcWithoutValueFails) {
   ExpectRefused(Import("DIR 0x28 /\n/DIR\nCOMMIT_COUNT 1\nCRC\n"));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(4) + " missing value in CRC token!")) << log_.dump();
+  EXPECT_TRUE(log_.has_line("Import: " + Where(4) + " missing value in CRC token!\n"))
+      << log_.dump();
 }
 
 TEST_F(ImportFile, WrongCrcFails) {
   ExpectRefused(Import("DIR 0x28 /\n  KEY 0x04 a 1\n/DIR\nCOMMIT_COUNT 1\nCRC 0x12345678\n"));
   char expected[96];
-  std::snprintf(expected, sizeof(expected), " CRC failure! file:0x12345678, imported keys:0x%08x",
+  std::snprintf(expected, sizeof(expected), " CRC failure! file:0x12345678, imported keys:0x%08x\n",
                 crc_update(0xFFFFFFFFu, "/a1", 3));
   EXPECT_TRUE(log_.has_line("Import: " + Where(5) + expected)) << log_.dump();
 }
 
 TEST_F(ImportFile, NodeLinesAfterTheCrcLineNeedAnotherCrcLine) {
   ExpectRefused(Import(std::string(kExampleFile) + "DIR 0x08 x/\n"));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(10) + " found more than one top-level DIR token!"));
+  EXPECT_TRUE(
+      log_.has_line("Import: " + Where(10) + " found more than one top-level DIR token!\n"));
   std::string content = "DIR 0x28 /\n" + CrcLine("/") + "\n  KEY 0x04 a 1\n/DIR\nCOMMIT_COUNT 1\n";
   ExpectRefused(Import(content));
-  EXPECT_TRUE(log_.has_line("Import: '" + f_.file0() + "' file does not end with CRC token."))
+  EXPECT_TRUE(log_.has_line("Import: '" + f_.file0() + "' file does not end with CRC token.\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, CommitCountWithoutValueFails) {
   ExpectRefused(Import("DIR 0x28 /\n/DIR\nCOMMIT_COUNT\n" + CrcLine("/") + "\n"));
-  EXPECT_TRUE(log_.has_line("Import: " + Where(3) + " missing value in COMMIT_COUNT token!"))
+  EXPECT_TRUE(log_.has_line("Import: " + Where(3) + " missing value in COMMIT_COUNT token!\n"))
       << log_.dump();
 }
 
 TEST_F(ImportFile, KeyLineNeedsAName) {
   ExpectRefused(Import("DIR 0x28 /\n  KEY 0x04\n/DIR\n" + Trailer(1, "/")));
   EXPECT_TRUE(
-      log_.has_line("Import: '" + f_.file0() + "' too few tokens in 'KEY'-line (only 2 of 3)"))
+      log_.has_line("Import: '" + f_.file0() + "' too few tokens in 'KEY'-line (only 2 of 3)\n"))
       << log_.dump();
 }
 
@@ -358,10 +328,10 @@ TEST_F(ImportFile, MissingFileFailsWithEio) {
   std::string missing = f_.dir().file("missing.dat");
   EXPECT_EQ(lors_import(f_.server(), nullptr, missing.c_str(), 0), -5);
   ExpectSame(before_, f_.server());
-  EXPECT_TRUE(log_.has_line("Import: failed to open '" + missing + "' on '(null)' for reading!"))
+  EXPECT_TRUE(log_.has_line("Import: failed to open '" + missing + "' on '(null)' for reading!\n"))
       << log_.dump();
   EXPECT_TRUE(
-      HasWhere(log_, "lors_import", "():  Import file (" + missing + ") failed !!! res = -5."));
+      HasWhere(log_, "lors_import", "():  Import file (" + missing + ") failed !!! res = -5.\n"));
 }
 
 TEST_F(ImportFile, MissingOpenFunctionGivesEopnotsupp) {
@@ -372,7 +342,7 @@ TEST_F(ImportFile, MissingOpenFunctionGivesEopnotsupp) {
   EXPECT_EQ(lors_import(f_.server(), nullptr, f_.file0().c_str(), 0), -95);
   f_.server()->fio_copy.open = saved;
   ExpectSame(before_, f_.server());
-  EXPECT_TRUE(log_.has_line("Import: no file i/o functions available!")) << log_.dump();
+  EXPECT_TRUE(log_.has_line("Import: no file i/o functions available!\n")) << log_.dump();
 }
 
 TEST_F(ImportFile, LongFileIsReadAcrossManyBlocks) {
@@ -386,13 +356,14 @@ TEST_F(ImportFile, LongFileIsReadAcrossManyBlocks) {
     std::snprintf(value, sizeof(value), "value-%d", i * 7);
     body += std::string("  KEY 0x04 ") + name + " " + value + "\n";
     raw += std::string(name) + value;
-    tree.push_back(std::string("/") + name + " 0x04 " + Hex(value));
+    tree.push_back(std::string("/") + name + " 0x04 " + to_hex(value));
   }
   body += "/DIR\n";
   EXPECT_EQ(Import(body + Trailer(5, raw)), 0) << log_.dump();
-  EXPECT_EQ(Dump(f_.server()->root), tree);
-  EXPECT_TRUE(HasWhere(log_, "lors_import",
-                       "(): Import: 1001 key(s) read from '" + f_.file0() + "', commit_count=5."));
+  EXPECT_EQ(dump_tree(f_.server()->root), tree);
+  EXPECT_TRUE(
+      HasWhere(log_, "lors_import",
+               "(): Import: 1001 key(s) read from '" + f_.file0() + "', commit_count=5.\n"));
 }
 
 // ------------------------------------------------ the default location
@@ -411,31 +382,31 @@ TEST_F(ImportDefault, CommitCountZeroIsRefusedOnAFreshServer) {
   testsupport::write_file(f_.file0(), FileA(0));
   Start();
   lors_ctx *server = f_.server();
-  EXPECT_EQ(Dump(server->root), kEmptyTree);
+  EXPECT_EQ(dump_tree(server->root), kEmptyTree);
   EXPECT_EQ(server->commit_count, 0u);
   EXPECT_EQ(server->current_file, 0);
   std::string file = f_.file0();
-  EXPECT_TRUE(log_->has_line("Import: '" + file + "' file commit count too low (0)."))
+  EXPECT_TRUE(log_->has_line("Import: '" + file + "' file commit count too low (0).\n"))
       << log_->dump();
   EXPECT_TRUE(HasWhere(
       *log_, "lors_import",
-      "(): Import: '" + file + "' file commit count too low (0) according to (0), res = -9."));
+      "(): Import: '" + file + "' file commit count too low (0) according to (0), res = -9.\n"));
   EXPECT_TRUE(HasWhere(*log_, "lors_import",
-                       "(): @@@@@ BUT WE WILL IGNORE THIS ERROR IN STD RELOAD-FLOW.@@@@@ "));
+                       "(): @@@@@ BUT WE WILL IGNORE THIS ERROR IN STD RELOAD-FLOW.@@@@@ \n"));
+  EXPECT_TRUE(HasWhere(*log_, "lors_imprt_default",
+                       "():  Import: WARNING: no default repository loaded.\n"));
+  EXPECT_TRUE(HasWhere(*log_, "lors_imprt_default", "(): Import: repository [" + file + "] ...\n"));
   EXPECT_TRUE(
-      HasWhere(*log_, "lors_imprt_default", "():  Import: WARNING: no default repository loaded."));
-  EXPECT_TRUE(HasWhere(*log_, "lors_imprt_default", "(): Import: repository [" + file + "] ..."));
-  EXPECT_TRUE(
-      HasWhere(*log_, "lors_imprt_default", "(): Import: repository [" + f_.file1() + "] ..."));
+      HasWhere(*log_, "lors_imprt_default", "(): Import: repository [" + f_.file1() + "] ...\n"));
   EXPECT_EQ(lors_imprt_default(server), -9);
 }
 
 TEST_F(ImportDefault, FileWithoutCommitCountIsRefusedOnAFreshServer) {
   testsupport::write_file(f_.file0(), "DIR 0x28 /\n  KEY 0x04 a 1\n/DIR\n" + CrcLine("/a1") + "\n");
   Start();
-  EXPECT_EQ(Dump(f_.server()->root), kEmptyTree);
+  EXPECT_EQ(dump_tree(f_.server()->root), kEmptyTree);
   EXPECT_EQ(f_.server()->commit_count, 0u);
-  EXPECT_TRUE(log_->has_line("Import: '" + f_.file0() + "' file commit count too low (0)."))
+  EXPECT_TRUE(log_->has_line("Import: '" + f_.file0() + "' file commit count too low (0).\n"))
       << log_->dump();
 }
 
@@ -443,7 +414,7 @@ TEST_F(ImportDefault, ReloadingTheSameFileIsTooLowAndChangesNothing) {
   testsupport::write_file(f_.file0(), FileA(7));
   Start();
   lors_ctx *server = f_.server();
-  ASSERT_EQ(Dump(server->root), kTreeA);
+  ASSERT_EQ(dump_tree(server->root), kTreeA);
   ASSERT_EQ(server->commit_count, 7u);
   State before = Snapshot(server);
   log_->clear();
@@ -453,11 +424,11 @@ TEST_F(ImportDefault, ReloadingTheSameFileIsTooLowAndChangesNothing) {
   EXPECT_EQ(reply->header.msgtype, LOREG_MSG_REPLY_TYPE(LOREG_MSG_REPO_RELOAD));
   EXPECT_EQ(reply->header.result, -9);
   ExpectSame(before, server);
-  EXPECT_TRUE(log_->has_line("Import: '" + f_.file0() + "' file commit count too low (7)."))
+  EXPECT_TRUE(log_->has_line("Import: '" + f_.file0() + "' file commit count too low (7).\n"))
       << log_->dump();
   EXPECT_TRUE(HasWhere(*log_, "lors_import",
                        "(): Import: '" + f_.file0() +
-                           "' file commit count too low (7) according to (7), res = -9."));
+                           "' file commit count too low (7) according to (7), res = -9.\n"));
 
   EXPECT_EQ(lors_import(server, nullptr, f_.file0().c_str(), server->commit_count), -9);
   ExpectSame(before, server);
@@ -473,7 +444,7 @@ TEST_F(ImportDefault, ReloadingTheFileJustWrittenIsTooLow) {
   log_->clear();
   EXPECT_EQ(lors_imprt_default(server), -9);
   ExpectSame(before, server);
-  EXPECT_TRUE(log_->has_line("Import: '" + f_.file1() + "' file commit count too low (1)."))
+  EXPECT_TRUE(log_->has_line("Import: '" + f_.file1() + "' file commit count too low (1).\n"))
       << log_->dump();
 }
 
@@ -482,11 +453,11 @@ TEST_F(ImportDefault, CountsSevenAndEightTakeBothAndEndOnFileOne) {
   testsupport::write_file(f_.file1(), FileB(8));
   Start();
   lors_ctx *server = f_.server();
-  EXPECT_EQ(Dump(server->root), kTreeB);
+  EXPECT_EQ(dump_tree(server->root), kTreeB);
   EXPECT_EQ(server->commit_count, 8u);
   EXPECT_EQ(server->current_file, 1);
   EXPECT_TRUE(HasWhere(*log_, "lors_imprt_default",
-                       "():  Import: repository lores completely ,res = 0, success_count = 2."))
+                       "():  Import: repository lores completely ,res = 0, success_count = 2.\n"))
       << log_->dump();
 
   // The next export goes to the other slot, file 0, with count 9.
@@ -502,23 +473,23 @@ TEST_F(ImportDefault, CountsEightAndSevenTakeFileZero) {
   testsupport::write_file(f_.file1(), FileB(7));
   Start();
   lors_ctx *server = f_.server();
-  EXPECT_EQ(Dump(server->root), kTreeA);
+  EXPECT_EQ(dump_tree(server->root), kTreeA);
   EXPECT_EQ(server->commit_count, 8u);
   EXPECT_EQ(server->current_file, 0);
-  EXPECT_TRUE(log_->has_line("Import: '" + f_.file1() + "' file commit count too low (7)."))
+  EXPECT_TRUE(log_->has_line("Import: '" + f_.file1() + "' file commit count too low (7).\n"))
       << log_->dump();
   EXPECT_TRUE(HasWhere(*log_, "lors_imprt_default",
-                       "():  Import: repository lores completely ,res = -9, success_count = 1."));
+                       "():  Import: repository lores completely ,res = -9, success_count = 1.\n"));
 }
 
 TEST_F(ImportDefault, TieGoesToFileZero) {
   testsupport::write_file(f_.file0(), FileA(5));
   testsupport::write_file(f_.file1(), FileB(5));
   Start();
-  EXPECT_EQ(Dump(f_.server()->root), kTreeA);
+  EXPECT_EQ(dump_tree(f_.server()->root), kTreeA);
   EXPECT_EQ(f_.server()->current_file, 0);
   EXPECT_TRUE(HasWhere(*log_, "lors_imprt_default",
-                       "():  Import: repository lores completely ,res = -9, success_count = 1."));
+                       "():  Import: repository lores completely ,res = -9, success_count = 1.\n"));
 }
 
 TEST_F(ImportDefault, NewerFileWithWrongChecksumLeavesFileZeroInForce) {
@@ -528,23 +499,23 @@ TEST_F(ImportDefault, NewerFileWithWrongChecksumLeavesFileZeroInForce) {
   testsupport::write_file(f_.file1(), bad);
   Start();
   lors_ctx *server = f_.server();
-  EXPECT_EQ(Dump(server->root), kTreeA);
+  EXPECT_EQ(dump_tree(server->root), kTreeA);
   EXPECT_EQ(server->commit_count, 7u);
   EXPECT_EQ(server->current_file, 0);
   EXPECT_TRUE(HasWhere(*log_, "lors_imprt_default",
-                       "():  Import: repository lores completely ,res = -9, success_count = 1."));
+                       "():  Import: repository lores completely ,res = -9, success_count = 1.\n"));
   EXPECT_EQ(log_->count(" CRC failure! file:0x"), 1u) << log_->dump();
 }
 
 TEST_F(ImportDefault, ReloadOnARunningServerReplacesTheTree) {
   testsupport::write_file(f_.file0(), FileA(1));
   Start();
-  ASSERT_EQ(Dump(f_.server()->root), kTreeA);
+  ASSERT_EQ(dump_tree(f_.server()->root), kTreeA);
   testsupport::write_file(f_.file1(), FileB(2));
   auto reply = f_.request(LOREG_MSG_REPO_RELOAD, 0, 0, 0, "", "");
   ASSERT_TRUE(reply);
   EXPECT_EQ(reply->header.result, 0);
-  EXPECT_EQ(Dump(f_.server()->root), kTreeB);
+  EXPECT_EQ(dump_tree(f_.server()->root), kTreeB);
   EXPECT_EQ(f_.server()->commit_count, 2u);
   EXPECT_EQ(f_.server()->current_file, 1);
   auto value = f_.get("/b");
@@ -561,7 +532,7 @@ TEST_F(ImportDefault, ImportClearsDirty) {
   testsupport::write_file(f_.file1(), FileB(2));
   EXPECT_EQ(lors_imprt_default(f_.server()), 0);
   EXPECT_EQ(f_.server()->dirty, 0);
-  EXPECT_EQ(Dump(f_.server()->root), kTreeB);
+  EXPECT_EQ(dump_tree(f_.server()->root), kTreeB);
 }
 
 // ------------------------------------------------------------ i/o faults
@@ -597,13 +568,13 @@ TEST(ImportFaults, ReadErrorsRefuseTheFileWhereverTheyHit) {
     EXPECT_EQ(rc, -74);
     ExpectSame(before, server);
     EXPECT_EQ(fio.open_handles(), 0u);
-    EXPECT_TRUE(
-        HasWhere(log, "lors_import", "():  Import file (" + f.file0() + ") failed !!! res = -74."));
+    EXPECT_TRUE(HasWhere(log, "lors_import",
+                         "():  Import file (" + f.file0() + ") failed !!! res = -74.\n"));
     ASSERT_LT(n, 100u);
   }
   EXPECT_GE(failures, 4);
   EXPECT_EQ(server->commit_count, 3u);
-  EXPECT_EQ(Dump(server->root).size(), 801u);
+  EXPECT_EQ(dump_tree(server->root).size(), 801u);
 }
 
 TEST(ImportFaults, CloseErrorIsLoggedAndDoesNotChangeTheResult) {
@@ -616,9 +587,9 @@ TEST(ImportFaults, CloseErrorIsLoggedAndDoesNotChangeTheResult) {
   LogCapture log;
   fio.fail_at(FaultFio::Op::Close, 1, -28);
   EXPECT_EQ(lors_import(f.server(), nullptr, f.file0().c_str(), 0), 0);
-  EXPECT_EQ(Dump(f.server()->root), kTreeA);
+  EXPECT_EQ(dump_tree(f.server()->root), kTreeA);
   EXPECT_TRUE(log.has_line("Import: failed to close '" + f.file0() +
-                           "' on '(null)' after reading! (code -28)"))
+                           "' on '(null)' after reading! (code -28)\n"))
       << log.dump();
   EXPECT_EQ(fio.open_handles(), 0u);
 
@@ -638,7 +609,7 @@ TEST(ImportFaults, OpenFailureOfFileZeroFallsToFileOne) {
   fio.fail_at(FaultFio::Op::Open, 1);
   ASSERT_EQ(f.start(), 0);
   // File 0 could not be opened, file 1 is taken.
-  EXPECT_EQ(Dump(f.server()->root), kTreeB);
+  EXPECT_EQ(dump_tree(f.server()->root), kTreeB);
   EXPECT_EQ(f.server()->current_file, 1);
   std::vector<FaultFio::OpenedFile> opened = fio.opened();
   ASSERT_EQ(opened.size(), 2u);
@@ -676,20 +647,20 @@ TEST(ImportMemory, EveryAllocationFailureRefusesTheFileAndLeaksNothing) {
       ExpectSame(before, server);
       EXPECT_EQ(alloc.live_blocks(), live);
       if (n == 1) {
-        EXPECT_TRUE(log.has_line("Import: failed to allocate 8192 bytes scratch buffer!"))
+        EXPECT_TRUE(log.has_line("Import: failed to allocate 8192 bytes scratch buffer!\n"))
             << log.dump();
       } else {
         EXPECT_EQ(log.count("-line: failed to alloc new key node"), 1u) << log.dump();
       }
       EXPECT_TRUE(HasWhere(log, "lors_import",
-                           "():  Import file (" + f.file0() + ") failed !!! res = -12."));
+                           "():  Import file (" + f.file0() + ") failed !!! res = -12.\n"));
       ASSERT_LT(n, 50u);
     }
     alloc.disarm();
     // The buffer and five nodes.
     EXPECT_EQ(failures, 6);
     EXPECT_EQ(server->commit_count, 7u);
-    EXPECT_EQ(Dump(server->root).size(), 5u);
+    EXPECT_EQ(dump_tree(server->root).size(), 5u);
     // The old root went, five nodes came: four more blocks than before.
     EXPECT_EQ(alloc.live_blocks(), live + 4);
     EXPECT_EQ(f.stop(), 0);
@@ -710,7 +681,7 @@ class CrashSafety : public ::testing::Test {
     Set("/tv/label", "50% off");
     Set("/radio/station", "5");
     ASSERT_EQ(lors_exprt_default(f_.server(), "older"), 0);
-    older_ = Dump(f_.server()->root);
+    older_ = dump_tree(f_.server()->root);
     older_file_ = testsupport::read_file(f_.file1());
 
     Set("/tv/channel", "13");
@@ -718,7 +689,7 @@ class CrashSafety : public ::testing::Test {
     Set("/radio/station", "");
     Set("/z", "last");
     ASSERT_EQ(lors_exprt_default(f_.server(), "newer"), 0);
-    newer_ = Dump(f_.server()->root);
+    newer_ = dump_tree(f_.server()->root);
     newer_file_ = testsupport::read_file(f_.file0());
     ASSERT_NE(older_, newer_);
     ASSERT_LT(newer_file_.size(), 400u);
@@ -739,11 +710,11 @@ class CrashSafety : public ::testing::Test {
     const std::vector<std::string> &expected = newer_expected ? newer_ : older_;
     uint64_t count = newer_expected ? 2 : 1;
     int32_t file = newer_expected ? 0 : 1;
-    if (Dump(server->root) != expected || server->commit_count != count ||
+    if (dump_tree(server->root) != expected || server->commit_count != count ||
         server->current_file != file || server->dirty != 0 ||
         testsupport::read_file(f_.file1()) != older_file_) {
       std::string loaded;
-      for (const std::string &line : Dump(server->root)) loaded += line + "; ";
+      for (const std::string &line : dump_tree(server->root)) loaded += line + "; ";
       return "count " + std::to_string(server->commit_count) + ", tree " + loaded;
     }
     return "";

@@ -3,11 +3,8 @@
 // send at once, and shutdown stops and joins the thread.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +14,7 @@
 #include "support/log_capture.h"
 #include "support/server_fixture.h"
 #include "support/test_allocator.h"
+#include "support/thread_state.h"
 #include "support/wire_client.h"
 
 namespace {
@@ -30,70 +28,11 @@ using testsupport::WireMessage;
 
 constexpr uint32_t kSetPlain = 0x30400;
 
-// Names of this process's threads, from /proc.
-std::vector<std::string> ThreadNames() {
-  std::vector<std::string> names;
-  DIR *dir = opendir("/proc/self/task");
-  if (dir == nullptr) return names;
-  while (struct dirent *entry = readdir(dir)) {
-    if (entry->d_name[0] == '.') continue;
-    std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-    std::string name;
-    if (std::getline(comm, name)) names.push_back(name);
-  }
-  closedir(dir);
-  return names;
-}
-
-size_t CountThreads(const std::string &name) {
-  size_t n = 0;
-  for (const std::string &t : ThreadNames()) n += t == name;
-  return n;
-}
-
-// A thread's name and its entry in /proc come and go a little apart from
-// its start and join: waits up to a second for the count.
-bool WaitForThreadCount(const std::string &name, size_t n) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-  while (CountThreads(name) != n) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-// The state letter of the thread named name in /proc ('S' while it sleeps,
-// e.g. blocked in its receive), or 0 if there is none.
-char ThreadState(const std::string &name) {
-  char state = 0;
-  DIR *dir = opendir("/proc/self/task");
-  if (dir == nullptr) return 0;
-  while (struct dirent *entry = readdir(dir)) {
-    if (entry->d_name[0] == '.') continue;
-    const std::string task = std::string("/proc/self/task/") + entry->d_name;
-    std::ifstream comm(task + "/comm");
-    std::string comm_name;
-    if (!std::getline(comm, comm_name) || comm_name != name) continue;
-    std::ifstream stat(task + "/stat");
-    std::string line;
-    std::getline(stat, line);
-    size_t paren = line.rfind(')');
-    if (paren != std::string::npos && paren + 2 < line.size()) state = line[paren + 2];
-  }
-  closedir(dir);
-  return state;
-}
-
 // Waits until "lorsmain" has served everything sent so far and sleeps in
 // its receive again: an echo round trip, then the thread's state.
 bool WaitLoopIdle(ServerFixture &f) {
   if (!f.request(LOREG_MSG_ECHO, 0, 0, 0, "", "")) return false;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  while (ThreadState("lorsmain") != 'S') {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+  return testsupport::wait_until_sleeping("lorsmain");
 }
 
 ServerOptions OwnThread(const loreg_allocator *allocator = nullptr) {
@@ -104,10 +43,10 @@ ServerOptions OwnThread(const loreg_allocator *allocator = nullptr) {
 }
 
 TEST(LorsServerThread, RequestsGetRepliesFromLorsmain) {
-  size_t before = CountThreads("lorsmain");
+  size_t before = testsupport::count_threads("lorsmain");
   ServerFixture f(OwnThread());
   ASSERT_EQ(f.start(), 0);
-  EXPECT_TRUE(WaitForThreadCount("lorsmain", before + 1));
+  EXPECT_TRUE(testsupport::wait_for_thread_count("lorsmain", before + 1));
   ASSERT_NE(f.server()->lmq.queue, nullptr);
 
   auto r = f.request(LOREG_MSG_VALUE_SET, kSetPlain, 0, 0, "42", f.full("/a/b"));
@@ -130,7 +69,7 @@ TEST(LorsServerThread, RequestsGetRepliesFromLorsmain) {
   EXPECT_EQ(notes[1].data1, "/com/norvi/a/b");
 
   EXPECT_EQ(f.stop(), 0);
-  EXPECT_TRUE(WaitForThreadCount("lorsmain", before));
+  EXPECT_TRUE(testsupport::wait_for_thread_count("lorsmain", before));
 }
 
 TEST(LorsServerThread, ShutdownBroadcastsRootDeleteAndJoins) {
@@ -149,7 +88,14 @@ TEST(LorsServerThread, ShutdownBroadcastsRootDeleteAndJoins) {
   EXPECT_EQ(notes[0].header.arg0, LOREG_REASON_KEY_DELETE);
   EXPECT_EQ(notes[0].header.arg1, KEYF_ROOT | KEYF_DIR);
   EXPECT_EQ(notes[0].data1, "/com/norvi/");
-  EXPECT_TRUE(log.has_line("lors_shutdown() ... message task joined. \n")) << log.dump();
+  EXPECT_TRUE(log.has_line_matching(
+      "lors_server\\.c:[0-9]+:lors_task_main\\(\\):  LOREG server task thread spawned \\.\\.\\.\n"))
+      << log.dump();
+  EXPECT_TRUE(log.has_line_matching(
+      "lors_server\\.c:[0-9]+:lors_task_main\\(\\):  LOREG server task ends\\.\n"));
+  EXPECT_TRUE(log.has_line("lors_shutdown(): wait for message loop task to exit...\n"));
+  EXPECT_TRUE(log.has_line("lors_shutdown() ... message task joined. \n"));
+  EXPECT_TRUE(log.has_line("lors_shutdown(): done.\n"));
 }
 
 // The root timer runs on the loop's own timeout: moving the clock wakes

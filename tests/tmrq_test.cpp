@@ -16,18 +16,13 @@
 #include "loreg/common/loreg_debug.h"
 #include "support/log_capture.h"
 #include "support/test_allocator.h"
+#include "support/tmrq_fixture.h"
 
 namespace {
 
 using testsupport::LogCapture;
+using testsupport::T;
 using testsupport::TestAllocator;
-
-_cspOsalTime_struct T(int64_t sec, int32_t usec = 0) {
-  _cspOsalTime_struct t;
-  t.sec = sec;
-  t.usec = usec;
-  return t;
-}
 
 bool SameTime(const _cspOsalTime_struct &a, const _cspOsalTime_struct &b) {
   return a.sec == b.sec && a.usec == b.usec;
@@ -88,34 +83,20 @@ tmrq_info Info(_cspOsalTime_struct timeout, _cspOsalTime_struct period = T(0), i
   return info;
 }
 
-class TmrqTest : public ::testing::Test {
+class TmrqTest : public testsupport::TmrqFixture {
  protected:
   void SetUp() override {
-    tmrq_params params;
-    params.allocator = alloc.handle();
-    queue = tmrq_InstCreate(&params);
-    ASSERT_NE(queue, nullptr);
+    TmrqFixture::SetUp();
+    if (HasFatalFailure()) return;
     context_bytes = alloc.live_bytes();
     log.clear();
   }
 
-  void TearDown() override {
-    if (queue != nullptr) {
-      EXPECT_EQ(tmrq_InstDestroy(queue), 0);
-    }
-    EXPECT_EQ(alloc.live_blocks(), 0u);
-  }
-
+  using TmrqFixture::Create;
   // Creates a timer and returns its id; expects the given index.
   int32_t Create(tmrq_info info, int expected_index) {
     int rc = tmrq_TimerCreate(queue, &info);
     EXPECT_EQ(rc, expected_index);
-    return info.id;
-  }
-
-  int32_t Create(tmrq_info info) {
-    int rc = tmrq_TimerCreate(queue, &info);
-    EXPECT_GE(rc, 0);
     return info.id;
   }
 
@@ -149,8 +130,6 @@ class TmrqTest : public ::testing::Test {
   }
 
   LogCapture log;
-  TestAllocator alloc;
-  tmrq_inst *queue = nullptr;
   size_t context_bytes = 0;
 };
 

@@ -15,21 +15,14 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
-#include "support/test_allocator.h"
+#include "support/tmrq_fixture.h"
 
 namespace {
 
 using testsupport::LogCapture;
-using testsupport::TestAllocator;
+using testsupport::T;
 
 constexpr auto kWaitLimit = std::chrono::seconds(10);
-
-_cspOsalTime_struct T(int64_t sec, int32_t usec = 0) {
-  _cspOsalTime_struct t;
-  t.sec = sec;
-  t.usec = usec;
-  return t;
-}
 
 tmrq_info Info(_cspOsalTime_struct timeout, _cspOsalTime_struct period, tmrq_callback cb,
                void *user) {
@@ -85,27 +78,7 @@ int CountingCallback(tmrq_inst *, const tmrq_info *info, const _cspOsalTime_stru
   return 0;
 }
 
-class TmrqThreadTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    tmrq_params params;
-    params.allocator = alloc.handle();
-    queue = tmrq_InstCreate(&params);
-    ASSERT_NE(queue, nullptr);
-  }
-  void TearDown() override {
-    EXPECT_EQ(tmrq_InstDestroy(queue), 0);
-    EXPECT_EQ(alloc.live_blocks(), 0u);
-  }
-
-  int32_t Create(tmrq_info info) {
-    EXPECT_GE(tmrq_TimerCreate(queue, &info), 0);
-    return info.id;
-  }
-
-  TestAllocator alloc;
-  tmrq_inst *queue = nullptr;
-};
+class TmrqThreadTest : public testsupport::TmrqFixture {};
 
 // ---------------------------------------------------------------------------
 // While one thread's pass waits inside a callback, another thread is

@@ -1,5 +1,7 @@
 #include "support/log_capture.h"
 
+#include <regex>
+
 #include "platform/csp_debug.h"
 
 namespace testsupport {
@@ -52,6 +54,15 @@ bool LogCapture::has_line(const std::string &text) const {
   std::lock_guard<std::mutex> lock(m_mutex);
   for (const auto &line : m_lines) {
     if (line.text == text) return true;
+  }
+  return false;
+}
+
+bool LogCapture::has_line_matching(const std::string &pattern) const {
+  const std::regex re(pattern);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  for (const auto &line : m_lines) {
+    if (std::regex_match(line.text, re)) return true;
   }
   return false;
 }

@@ -38,6 +38,10 @@ class LogCapture {
   bool contains(const std::string &fragment) const { return count(fragment) > 0; }
   // True if some line's text equals the text exactly (newline included).
   bool has_line(const std::string &text) const;
+  // True if some line's text matches the regular expression as a whole
+  // (newline included), for lines with a part that varies, such as a
+  // source line number.
+  bool has_line_matching(const std::string &pattern) const;
   void clear();
   // All texts joined, for failure messages.
   std::string dump() const;

@@ -188,7 +188,7 @@ static void _apij_jobnode_release_waiters_nolock(apij_job_node *job, int32_t res
     waiter->result = result;
     waiter->state &= ~APIJ_WAITER_LINKED;
     if (pthread_cond_signal(&waiter->cond) != 0) {
-      APIJ_LOG(LOREG_LVL_FAIL, "%s(): Unable to signal condition", __func__);
+      APIJ_LOG(LOREG_LVL_FAIL, "%s(): Unable to signal condition\n", __func__);
     }
     pthread_mutex_unlock(&waiter->mutex);
   }

@@ -71,7 +71,7 @@ int lors_repositorySetDirty(lors_ctx *server, int dirty) {
 int lors_commit_default(lors_ctx *server, const char *label) {
   if (server == NULL) return -22;
   if ((server->options & LORS_OPT_NO_PERSIST) != 0 || server->dirty == 0) return 0;
-  LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "(%s) Committing changes.", label);
+  LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "(%s) Committing changes.\n", label);
   return lors_exprt_default(server, label);
 }
 

@@ -97,7 +97,7 @@ static int _lors_exprt_dirend(lors_export_ctx *context, const lors_rp_node *node
   int32_t written = _lors_exprt_write(context, context->scratch, size);
   if (written != size) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export:(%.*s) only %d of %d dirend-token byte(s) written - abort",
+              "Export:(%.*s) only %d of %d dirend-token byte(s) written - abort\n",
               (int)node->name.len, node->name.ptr, (int)written, (int)size);
     return -5;
   }
@@ -128,7 +128,7 @@ int lors_exprt_node(lors_export_ctx *context, const lors_rp_node *node) {
   int64_t header_end = 2 * (int64_t)context->depth + LORS_EXPORT_HEADER_LEN;
   if (context->depth < 0 || header_end >= LORS_EXPORT_LIMIT) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export:(%.*s) tree too deep (depth %d) - ignore key", (int)node->name.len,
+              "Export:(%.*s) tree too deep (depth %d) - ignore key\n", (int)node->name.len,
               node->name.ptr, (int)context->depth);
     return 0;
   }
@@ -147,7 +147,7 @@ int lors_exprt_node(lors_export_ctx *context, const lors_rp_node *node) {
   pos += lors_exprt_escape(_lors_exprt_at(scratch, pos), node->value.ptr, node->value.len,
                            _lors_exprt_room(pos));
   if (pos >= LORS_EXPORT_LIMIT) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Export:(%.*s) name/value to long - ignore key",
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Export:(%.*s) name/value to long - ignore key\n",
               (int)node->name.len, node->name.ptr);
     return 0;
   }
@@ -157,7 +157,7 @@ int lors_exprt_node(lors_export_ctx *context, const lors_rp_node *node) {
   int32_t written = _lors_exprt_write(context, scratch, size);
   if (written != size) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export:(%.*s) only %d of %d header byte(s) written - abort", (int)node->name.len,
+              "Export:(%.*s) only %d of %d header byte(s) written - abort\n", (int)node->name.len,
               node->name.ptr, (int)written, (int)size);
     return -5;
   }
@@ -188,7 +188,7 @@ static int _lors_exprt_trailer(lors_export_ctx *context, int32_t size, const cha
   int32_t written = _lors_exprt_write(context, context->scratch, size);
   if (written != size) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export: only %d of %d %s token byte(s) written - abort", (int)written, (int)size,
+              "Export: only %d of %d %s token byte(s) written - abort\n", (int)written, (int)size,
               what);
     return -5;
   }
@@ -200,7 +200,7 @@ int lors_export(lors_ctx *server, const char *device, const char *file, const ch
   label = _lors_exprt_text(label);
   const lors_fio *fio = server->fio;
   if (fio == NULL || fio->open == NULL) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Export (%s): no file i/o functions available!",
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Export (%s): no file i/o functions available!\n",
               label);
     return -95;
   }
@@ -210,7 +210,7 @@ int lors_export(lors_ctx *server, const char *device, const char *file, const ch
   context.scratch = loreg_malloc(server->allocator, LORS_EXPORT_SCRATCH_SIZE);
   if (context.scratch == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export (%s): failed to allocate %d bytes scratch buffer!", label,
+              "Export (%s): failed to allocate %d bytes scratch buffer!\n", label,
               LORS_EXPORT_SCRATCH_SIZE);
     return -12;
   }
@@ -219,7 +219,7 @@ int lors_export(lors_ctx *server, const char *device, const char *file, const ch
   context.handle = fio->open(device, file, LORS_FIO_MODE_WRITE);
   if (context.handle == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export (%s): failed to open '%s' on '%s' for writing!", label,
+              "Export (%s): failed to open '%s' on '%s' for writing!\n", label,
               _lors_exprt_text(file), _lors_exprt_text(device));
     loreg_free(server->allocator, context.scratch);
     return -5;
@@ -246,12 +246,12 @@ int lors_export(lors_ctx *server, const char *device, const char *file, const ch
   int32_t closed = fio->close(context.handle);
   if (closed != 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export (%s): failed to close '%s' on '%s' after writing! (code %d)", label,
+              "Export (%s): failed to close '%s' on '%s' after writing! (code %d)\n", label,
               _lors_exprt_text(file), _lors_exprt_text(device), (int)closed);
     rc = closed;
   } else if (rc == 0) {
     LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-              "Export (%s): used '%s', %u of %u keys changed, commit_count=%llu", label,
+              "Export (%s): used '%s', %u of %u keys changed, commit_count=%llu\n", label,
               _lors_exprt_text(file), (unsigned)context.changed, (unsigned)context.keys,
               (unsigned long long)count);
   }
@@ -272,7 +272,7 @@ int lors_exprt_default(lors_ctx *server, const char *label) {
   int both = (server->options & LORS_OPT_EXPORT_BOTH) && server->export_count == 0;
   if (!both && server->dirty == 0) {
     LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-              "Export (%s): repository is clean, no need to export", label);
+              "Export (%s): repository is clean, no need to export\n", label);
     return 0;
   }
 
@@ -291,7 +291,7 @@ int lors_exprt_default(lors_ctx *server, const char *label) {
 
   if (rc != 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Export (%s): WARNING: failed to save repository to default location!", label);
+              "Export (%s): WARNING: failed to save repository to default location!\n", label);
     return rc;
   }
 

@@ -57,7 +57,7 @@ int lors_imprt_parseKeyLine(lors_rp_node **node, lors_import_ctx *context, int w
   *node = NULL;
   if (word_count < 3) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Import: '%s' too few tokens in '%s'-line (only %d of 3)",
+              "Import: '%s' too few tokens in '%s'-line (only %d of 3)\n",
               _lors_imprt_text(context->file), words[0], word_count);
     return -9;
   }
@@ -75,7 +75,7 @@ int lors_imprt_parseKeyLine(lors_rp_node **node, lors_import_ctx *context, int w
   lors_rp_node *made = lors_rp_new(context->allocator, &name, word_count > 3 ? &value : NULL);
   if (made == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Import: '%s' '%s'-line: failed to alloc new key node",
+              "Import: '%s' '%s'-line: failed to alloc new key node\n",
               _lors_imprt_text(context->file), words[0]);
     return -12;
   }
@@ -95,7 +95,7 @@ static int _lors_imprt_key(lors_import_ctx *context, uint32_t line_number, int w
                            char **words) {
   context->crc_seen = 0;
   if (context->current_dir == NULL) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: %s:%u found KEY outside DIR token",
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: %s:%u found KEY outside DIR token\n",
               _lors_imprt_text(context->file), (unsigned)line_number);
     return -9;
   }
@@ -104,8 +104,8 @@ static int _lors_imprt_key(lors_import_ctx *context, uint32_t line_number, int w
   if (rc != 0) return rc;
   if (node->flags & KEYF_DIR) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Import: %s:%u DIR instead of KEY expected for '%s'", _lors_imprt_text(context->file),
-              (unsigned)line_number, node->name.ptr);
+              "Import: %s:%u DIR instead of KEY expected for '%s'\n",
+              _lors_imprt_text(context->file), (unsigned)line_number, node->name.ptr);
     lors_rp_delete(context->allocator, node);
     return -9;
   }
@@ -124,8 +124,8 @@ static int _lors_imprt_dir(lors_import_ctx *context, uint32_t line_number, int w
   if (rc != 0) return rc;
   if (!(node->flags & KEYF_DIR)) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Import: %s:%u KEY instead of DIR expected for '%s'", _lors_imprt_text(context->file),
-              (unsigned)line_number, node->name.ptr);
+              "Import: %s:%u KEY instead of DIR expected for '%s'\n",
+              _lors_imprt_text(context->file), (unsigned)line_number, node->name.ptr);
     lors_rp_delete(context->allocator, node);
     return -9;
   }
@@ -135,7 +135,7 @@ static int _lors_imprt_dir(lors_import_ctx *context, uint32_t line_number, int w
     lors_rp_LinkToParent(node, context->current_dir);
   } else {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Import: %s:%u found more than one top-level DIR token!",
+              "Import: %s:%u found more than one top-level DIR token!\n",
               _lors_imprt_text(context->file), (unsigned)line_number);
     lors_rp_delete(context->allocator, node);
     return -9;
@@ -164,7 +164,7 @@ int lors_imprt_lineHandler(char *line, uint32_t length, const char *lineend, uin
     context->crc_seen = 0;
     if (context->current_dir == NULL) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-                "Import: %s:%u found /DIR without preceeding DIR token", file,
+                "Import: %s:%u found /DIR without preceeding DIR token\n", file,
                 (unsigned)line_number);
       return -9;
     }
@@ -175,15 +175,15 @@ int lors_imprt_lineHandler(char *line, uint32_t length, const char *lineend, uin
   if (strcmp(words[0], "CRC") == 0) {
     context->crc_seen = 1;
     if (word_count < 2) {
-      LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: %s:%u missing value in CRC token!", file,
-                (unsigned)line_number);
+      LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: %s:%u missing value in CRC token!\n",
+                file, (unsigned)line_number);
       return -9;
     }
     unsigned crc = 0;
     if (sscanf(words[1], "0x%x", &crc) != 1) crc = 0;
     if (crc != context->crc) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-                "Import: %s:%u CRC failure! file:0x%08x, imported keys:0x%08x", file,
+                "Import: %s:%u CRC failure! file:0x%08x, imported keys:0x%08x\n", file,
                 (unsigned)line_number, crc, (unsigned)context->crc);
       return -9;
     }
@@ -193,7 +193,8 @@ int lors_imprt_lineHandler(char *line, uint32_t length, const char *lineend, uin
   if (strcmp(words[0], "COMMIT_COUNT") == 0) {
     if (word_count < 2) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-                "Import: %s:%u missing value in COMMIT_COUNT token!", file, (unsigned)line_number);
+                "Import: %s:%u missing value in COMMIT_COUNT token!\n", file,
+                (unsigned)line_number);
       return -9;
     }
     unsigned long long count;
@@ -203,7 +204,7 @@ int lors_imprt_lineHandler(char *line, uint32_t length, const char *lineend, uin
 
   if (strcmp(words[0], "INVALID") == 0) {
     context->crc_seen = 0;
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: %s:%u marked to be invalid", file,
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: %s:%u marked to be invalid\n", file,
               (unsigned)line_number);
     return -9;
   }
@@ -233,33 +234,33 @@ static int _lors_imprt_check(const lors_ctx *server, const lors_import_ctx *cont
                              uint64_t last_commit_count, const char *function) {
   const char *file = _lors_imprt_text(context->file);
   if (context->new_root == NULL) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: '%s' no new root key read from file.",
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: '%s' no new root key read from file.\n",
               file);
     return -9;
   }
   if (lstr_cmp(&context->new_root->name, &server->root->name) != 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Import: '%s' invalid root key name ('%.*s' instead '%.*s')", file,
+              "Import: '%s' invalid root key name ('%.*s' instead '%.*s')\n", file,
               (int)context->new_root->name.len, context->new_root->name.ptr,
               (int)server->root->name.len, server->root->name.ptr);
     return -9;
   }
   if (context->crc_seen == 0) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: '%s' file does not end with CRC token.",
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: '%s' file does not end with CRC token.\n",
               file);
     return -9;
   }
   if (last_commit_count >= context->commit_count) {
     int rc = -9;
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: '%s' file commit count too low (%llu).",
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: '%s' file commit count too low (%llu).\n",
               file, (unsigned long long)context->commit_count);
     LOREG_LOG(
         LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-        "%s:%d:%s(): Import: '%s' file commit count too low (%llu) according to (%llu), res = %d.",
+        "%s:%d:%s(): Import: '%s' file commit count too low (%llu) according to (%llu), res = %d.\n",
         LORS_IMPRT_WHERE_OF(function), file, (unsigned long long)context->commit_count,
         (unsigned long long)last_commit_count, rc);
     LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-              "%s:%d:%s(): @@@@@ BUT WE WILL IGNORE THIS ERROR IN STD RELOAD-FLOW.@@@@@ ",
+              "%s:%d:%s(): @@@@@ BUT WE WILL IGNORE THIS ERROR IN STD RELOAD-FLOW.@@@@@ \n",
               LORS_IMPRT_WHERE_OF(function));
     return rc;
   }
@@ -274,7 +275,7 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
   memset(&context, 0, sizeof(context));
   const lors_fio *fio = server->fio;
   if (fio == NULL || fio->open == NULL) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: no file i/o functions available!");
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: no file i/o functions available!\n");
     return -95;
   }
   context.file = file;
@@ -285,14 +286,14 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
   context.scratch = loreg_malloc(server->allocator, LORS_IMPORT_SCRATCH_SIZE);
   if (context.scratch == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "Import: failed to allocate %d bytes scratch buffer!", LORS_IMPORT_SCRATCH_SIZE);
+              "Import: failed to allocate %d bytes scratch buffer!\n", LORS_IMPORT_SCRATCH_SIZE);
     rc = -12;
   }
   if (rc == 0) {
     context.handle = fio->open(device, file, LORS_FIO_MODE_READ);
     if (context.handle == NULL) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-                "Import: failed to open '%s' on '%s' for reading!", _lors_imprt_text(file),
+                "Import: failed to open '%s' on '%s' for reading!\n", _lors_imprt_text(file),
                 _lors_imprt_text(device));
       rc = -5;
     }
@@ -303,7 +304,7 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
                      LORS_IMPORT_SCRATCH_SIZE, LNPARSE_SKIP_LEADING | LNPARSE_SKIP_EMPTY, &context);
     if (rc != 0) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-                "Import: failed to initialize line parser! (code %d)", rc);
+                "Import: failed to initialize line parser! (code %d)\n", rc);
     }
   }
   if (rc == 0) rc = _lors_imprt_read(fio, &context);
@@ -312,17 +313,17 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
   const char *name = _lors_imprt_text(file);
   if (rc != 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "%s:%d:%s():  Import file (%s) failed !!! res = %d.", LORS_IMPRT_WHERE, name, rc);
+              "%s:%d:%s():  Import file (%s) failed !!! res = %d.\n", LORS_IMPRT_WHERE, name, rc);
     /* Everything read so far hangs below the new root; a node refused by
      * the handler was freed there. */
     lors_rp_DeleteRecursive(context.allocator, context.new_root, NULL);
   } else {
     LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-              "%s:%d:%s():  @@@@@@ Import: pass all checking when import loreg data @@@@@@ ",
+              "%s:%d:%s():  @@@@@@ Import: pass all checking when import loreg data @@@@@@ \n",
               LORS_IMPRT_WHERE);
     LOREG_LOG(
         LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-        "%s:%d:%s(): Import: '%s' file commit count is: (%llu) more than last  (%llu), res = %d.",
+        "%s:%d:%s(): Import: '%s' file commit count is: (%llu) more than last  (%llu), res = %d.\n",
         LORS_IMPRT_WHERE, name, (unsigned long long)context.commit_count,
         (unsigned long long)last_commit_count, rc);
     lors_rp_DeleteRecursive(server->allocator, server->root, NULL);
@@ -331,10 +332,10 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
     server->commit_count = context.commit_count;
     lors_repositorySetDirty(server, 0);
     LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-              "%s:%d:%s(): Import: %llu key(s) read from '%s', commit_count=%llu.",
+              "%s:%d:%s(): Import: %llu key(s) read from '%s', commit_count=%llu.\n",
               LORS_IMPRT_WHERE, (unsigned long long)context.key_count, name,
               (unsigned long long)context.commit_count);
-    LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s():  Import file (%s) successfully!",
+    LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s():  Import file (%s) successfully!\n",
               LORS_IMPRT_WHERE, name);
   }
 
@@ -342,7 +343,7 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
     int32_t closed = fio->close(context.handle);
     if (closed != 0) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-                "Import: failed to close '%s' on '%s' after reading! (code %d)", name,
+                "Import: failed to close '%s' on '%s' after reading! (code %d)\n", name,
                 _lors_imprt_text(device), (int)closed);
     }
   }
@@ -359,7 +360,7 @@ int lors_imprt_default(lors_ctx *server) {
   int rc = 0;
   for (int32_t index = 0; index < 2; index++) {
     const char *file = fio == NULL ? NULL : index != 0 ? fio->file1 : fio->file0;
-    LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s(): Import: repository [%s] ...",
+    LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s(): Import: repository [%s] ...\n",
               LORS_IMPRT_WHERE, _lors_imprt_text(file));
     /* Each file must be newer than what the server holds by now, so file
      * 1 replaces file 0 only if it is newer still. */
@@ -372,11 +373,11 @@ int lors_imprt_default(lors_ctx *server) {
 
   if (success == 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-              "%s:%d:%s():  Import: WARNING: no default repository loaded.", LORS_IMPRT_WHERE);
+              "%s:%d:%s():  Import: WARNING: no default repository loaded.\n", LORS_IMPRT_WHERE);
     return -9;
   }
   LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
-            "%s:%d:%s():  Import: repository lores completely ,res = %d, success_count = %d.",
+            "%s:%d:%s():  Import: repository lores completely ,res = %d, success_count = %d.\n",
             LORS_IMPRT_WHERE, rc, success);
   return 0;
 }

@@ -336,9 +336,10 @@ void *lors_task_main(void *arg) {
 
 /* Requests of no known type are logged and dropped without a reply. */
 static void _lors_onUnknownReq(const loreg_msg *msg) {
-  LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "%s( msgtype=0x%04x, reqid=%d, tid=%d, len0=%d, len1=%d ) ",
-            "lors_onUnknownReq", (unsigned)msg->header.msgtype, (int)msg->header.reqid,
-            (int)msg->header.tid, (int)msg->header.len0, (int)msg->header.len1);
+  LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
+            "%s( msgtype=0x%04x, reqid=%d, tid=%d, len0=%d, len1=%d ) \n", "lors_onUnknownReq",
+            (unsigned)msg->header.msgtype, (int)msg->header.reqid, (int)msg->header.tid,
+            (int)msg->header.len0, (int)msg->header.len1);
 }
 
 /* The loop's handlers don't look at magic: shutdown clears it before the
