@@ -12,24 +12,29 @@
 // lorc_dispatch_msg, so that tests choose reasons, flags, paths and the
 // sender's address freely.
 //
-// BulkKeys builds a key container for lorc_bulk_operation, and
-// complete_job() drives asynchronous jobs of a client whose servers are
-// fed by the test thread.
+// BulkKeys builds a key container for lorc_bulk_operation, SpyHost records
+// the commands a client sends, and complete_job() drives asynchronous jobs
+// of a client whose servers are fed by the test thread.
 #ifndef TESTS_SUPPORT_LORC_NOTIFY_HELPERS_H
 #define TESTS_SUPPORT_LORC_NOTIFY_HELPERS_H
 
+#include <gtest/gtest.h>
+
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "loreg/loreg_msg.h"
 #include "loreg/lorc.h"
 #include "loreg/lorc_client.h"
+#include "loreg/loreg_lmq.h"
+#include "loreg/loreg_msg.h"
 #include "loreg/lorkc.h"
 #include "support/client_fixture.h"
 
@@ -176,7 +181,18 @@ class BulkKeys {
     k.value_len = static_cast<uint32_t>(value.size());
     return lorkc_insert(m_container, &k);
   }
-  // The key with this path (flags 0xFFFFFFFF if absent).
+  // Appends a key at the end, also when another key has the same path.
+  int append(const std::string &path, uint32_t flags, const std::string &value = "") {
+    lorc_key_struct k;
+    k.path = path.c_str();
+    k.flags = flags;
+    k.value = value.data();
+    k.value_len = static_cast<uint32_t>(value.size());
+    lorkc_it end;
+    if (lorkc_it_findidx(m_container, &end, INT32_MAX) != 0) return -1;
+    return lorkc_it_insert(&end, &k);
+  }
+  // The first key with this path (flags 0xFFFFFFFF if absent).
   BulkKey key(const std::string &path) {
     BulkKey out;
     out.flags = 0xFFFFFFFFu;
@@ -202,11 +218,94 @@ class BulkKeys {
   lorkc_container *m_container;
 };
 
+// A second host of the service that records every command it receives and
+// answers only when asked. Without a real server it is the only host, so it
+// sees every command a client sends.
+class SpyHost {
+ public:
+  struct Command {
+    loreg_Header_t header{};
+    std::string data0;
+    std::string data1;
+    lmq_address from{};
+  };
+
+  explicit SpyHost(lmq_server *server) {
+    EXPECT_EQ(loreg_lmq_init(&m_lmq, nullptr, server, nullptr, 64, 1), 0);
+  }
+  ~SpyHost() { loreg_lmq_shutdown(&m_lmq, nullptr); }
+
+  // The next command of this type (others are kept), waiting up to
+  // timeout_ms of real time.
+  std::optional<Command> next(uint16_t type, int timeout_ms = 5000) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+      for (size_t i = 0; i < m_kept.size(); i++) {
+        if (m_kept[i].header.msgtype == type) {
+          Command c = m_kept[i];
+          m_kept.erase(m_kept.begin() + static_cast<long>(i));
+          return c;
+        }
+      }
+      if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+      receive(10);
+    }
+  }
+  // Takes what is queued now; returns the types of all kept commands.
+  std::vector<uint16_t> poll() {
+    while (receive(0)) {
+    }
+    std::vector<uint16_t> types;
+    for (const auto &c : m_kept) types.push_back(c.header.msgtype);
+    return types;
+  }
+  // Answers a command as a server would: the header echoed with the reply
+  // type, this result and tid, and no data (an echo keeps its data).
+  int reply(const Command &c, int32_t result, int32_t tid) {
+    loreg_msg msg{};
+    msg.header = c.header;
+    msg.header.msgtype = static_cast<uint16_t>(c.header.msgtype + LOREG_MSG_REPLY_BIT);
+    msg.header.result = result;
+    msg.header.tid = tid;
+    std::string d0 = c.data0, d1 = c.data1;
+    if (c.header.msgtype != LOREG_MSG_ECHO) {
+      d0.clear();
+      d1.clear();
+    }
+    msg.header.len0 = static_cast<uint16_t>(d0.size());
+    msg.header.len1 = static_cast<uint16_t>(d1.size());
+    msg.data0 = d0.data();
+    msg.data1 = d1.data();
+    return loreg_send_reply(m_lmq.client, &msg, &c.from);
+  }
+
+ private:
+  bool receive(int wait_ms) {
+    std::vector<unsigned char> buffer(0x2000);
+    lmq_iovec vector{buffer.data(), 0x1FFF};
+    lmq_rx_info info{};
+    _cspOsalTime_struct timeout = {0, wait_ms > 0 ? wait_ms * 1000 : 1};
+    if (lmqCXReceive(m_lmq.client, &vector, 1, &info, &timeout) < 0) return false;
+    if (info.reply.kind == LMQ_KIND_SYSTEM) return true;
+    loreg_msg msg{};
+    if (loreg_validate_msg(&msg, buffer.data(), 0x2000, &info) != 0) return true;
+    Command c;
+    c.header = msg.header;
+    c.data0.assign(msg.data0, msg.header.len0);
+    c.data1.assign(msg.data1, msg.header.len1);
+    c.from = info.reply;
+    m_kept.push_back(c);
+    return true;
+  }
+
+  loreg_lmq_ctx m_lmq{};
+  std::vector<Command> m_kept;
+};
+
 // Completes an asynchronous job of client `client_index`, feeding the
 // fixture's servers that run without a thread while it waits. Returns the
 // job's final value, or -999 if it did not complete within timeout_ms.
-inline int complete_job(ClientFixture &f, int job, size_t client_index = 0,
-                        int timeout_ms = 5000) {
+inline int complete_job(ClientFixture &f, int job, size_t client_index = 0, int timeout_ms = 5000) {
   lorc_client *c = f.client(client_index);
   int32_t value = -999;
   bool done = ClientFixture::wait_until(

@@ -1,0 +1,434 @@
+/*
+ * Registry client core: the client record, its start and end, the client
+ * thread "lorcmain", and the dispatch of everything that arrives on it.
+ *
+ * The request kinds, subscriptions and root tracking hang on this core:
+ * replies go to the request kind of their job, key updates to root
+ * tracking, bulk jobs and subscribers (in that order), and every handler
+ * ends by serving the client's timers, so that timers stay served under a
+ * steady stream of messages.
+ */
+#include "loreg/lorc_client.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "common/loreg_debug.h"
+#include "loreg/loreg_msgloop.h"
+#include "loreg/lstr.h"
+#include "platform/csp_thread.h"
+
+#define LORC_API_LOG(level, ...) LOREG_LOG((level), LOREG_MOD_CLIENT_API, __VA_ARGS__)
+#define LORC_TASK_LOG(level, ...) LOREG_LOG((level), LOREG_MOD_CLIENT_TASK, __VA_ARGS__)
+
+/* Lines of the form "file:line:function()" name the source file alone. */
+static const char *_lorc_basename(const char *path) {
+  const char *slash = strrchr(path, '/');
+  return slash != NULL ? slash + 1 : path;
+}
+
+int lorc_client_valid(const lorc_client *client) {
+  return client != NULL && __atomic_load_n(&client->magic, __ATOMIC_ACQUIRE) == LORC_MAGIC;
+}
+
+int lorc_is_client_thread(const lorc_client *client) {
+  /* Only the normal mode has a thread; its receive queue tells the mode
+   * (in the external mode the caller's thread is not recognised). */
+  if (client == NULL || client->lmq.queue == NULL) return 0;
+  return pthread_equal(pthread_self(), client->thread) != 0;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Start and end                                                             */
+
+/* Progress of lorc_init, for unwinding a failure. */
+#define LORC_INIT_MUTEX 0x01u
+
+/* Undoes a partial lorc_init, in the reverse order of its steps. */
+static void _lorc_init_unwind(lorc_client *client, uint32_t progress) {
+  const loreg_allocator *allocator = client->allocator;
+
+  loreg_lmq_shutdown(&client->lmq, allocator);
+  if (client->timers != NULL) tmrq_InstDestroy(client->timers);
+  if (client->jobs != NULL) apij_InstDestroy(client->jobs);
+  if (progress & LORC_INIT_MUTEX) pthread_mutex_destroy(&client->mutex);
+  if (client->hooks != NULL) loreg_free(allocator, client->hooks);
+  __atomic_store_n(&client->magic, 0u, __ATOMIC_RELEASE);
+  loreg_free(allocator, client);
+}
+
+/* Starts "lorcmain" with explicit scheduling, so that the thread does not
+ * take over the scheduling parameters of whoever called lorc_init. */
+static int _lorc_thread_start(lorc_client *client) {
+  pthread_attr_t attr;
+  int rc;
+
+  if (_cspOsalPOSIX_pthread_attr_init(&attr) != 0) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): failed to init threadAttr\n", "lorc_init");
+    return -EFAULT;
+  }
+  if (pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED) != 0) {
+    LORC_API_LOG(LOREG_LVL_FAIL,
+                 "%s(): unable to disable inheritance of thread scheduling parameters\n",
+                 "lorc_init");
+    _cspOsalPOSIX_pthread_attr_destroy(&attr);
+    return -EFAULT;
+  }
+  rc = _cspOsalPOSIX_pthread_attr_setname_norvi(&attr, "lorcmain");
+  if (rc != 0) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): failed to set thread name (code %d)\n", "lorc_init", rc);
+    _cspOsalPOSIX_pthread_attr_destroy(&attr);
+    return -EFAULT;
+  }
+  rc = _cspOsalPOSIX_pthread_create_line(&client->thread, &attr, lorc_task_main, client, __FILE__,
+                                         __LINE__);
+  _cspOsalPOSIX_pthread_attr_destroy(&attr);
+  if (rc != 0) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): failed to start worker thread (code %d)\n", "lorc_init",
+                 rc);
+    return -EFAULT;
+  }
+  return 0;
+}
+
+int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
+  lorc_client *client;
+  uint32_t progress = 0;
+  apij_config jobConfig;
+  tmrq_params timerParams;
+  int rc;
+
+  if (params == NULL) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(NULL): need initialization parameters!\n", __func__);
+    return -EINVAL;
+  }
+  if (handleOut == NULL) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(NULL): need to return client handle!\n", __func__);
+    return -EINVAL;
+  }
+
+  client = loreg_malloc(params->allocator, sizeof(*client));
+  if (client == NULL) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s() failed to alloc %lu bytes context\n", __func__,
+                 (unsigned long)sizeof(*client));
+    return -ENOMEM;
+  }
+  memset(client, 0, sizeof(*client));
+  client->magic = LORC_MAGIC;
+  client->allocator = params->allocator;
+  client->lmqServer = params->lmqServer;
+  client->lmqClient = params->lmqClient;
+  client->rcvQueueKBytes = params->rcvQueueKBytes;
+
+  if (params->hooks != NULL) {
+    client->hooks = loreg_malloc(client->allocator, sizeof(*client->hooks));
+    if (client->hooks == NULL) {
+      LORC_API_LOG(LOREG_LVL_FAIL, "%s() failed to alloc %lu bytes hook struct\n", __func__,
+                   (unsigned long)sizeof(*client->hooks));
+      _lorc_init_unwind(client, progress);
+      return -ENOMEM;
+    }
+    memcpy(client->hooks, params->hooks, sizeof(*client->hooks));
+  }
+  LIST_INIT(&client->subscriptions);
+  TAILQ_INIT(&client->roots);
+  LIST_INIT(&client->waitUpdates);
+
+  rc = pthread_mutex_init(&client->mutex, NULL);
+  if (rc != 0) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): pthread_mutex_init failed (code %d)\n", __func__, rc);
+    _lorc_init_unwind(client, progress);
+    return -EFAULT;
+  }
+  progress |= LORC_INIT_MUTEX;
+
+  memset(&jobConfig, 0, sizeof(jobConfig));
+  jobConfig.allocator = (loreg_allocator *)(uintptr_t)client->allocator;
+  jobConfig.jobCookieSize = (uint32_t)sizeof(lorc_request);
+  jobConfig.cbCookieSize = (uint32_t)sizeof(lorc_job_cb);
+  jobConfig.instCookieSize = 0;
+  client->jobs = apij_InstCreate(&jobConfig, client);
+  if (client->jobs == NULL) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): failed initializing job handler instance.\n", __func__);
+    _lorc_init_unwind(client, progress);
+    return -ENOMEM;
+  }
+
+  timerParams.allocator = client->allocator;
+  client->timers = tmrq_InstCreate(&timerParams);
+  if (client->timers == NULL) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): failed initializing timer queue instance.\n", __func__);
+    _lorc_init_unwind(client, progress);
+    return -ENOMEM;
+  }
+
+  rc = loreg_lmq_init(&client->lmq, client->allocator, client->lmqServer, client->lmqClient,
+                      client->rcvQueueKBytes, 0);
+  if (rc != 0) {
+    _lorc_init_unwind(client, progress);
+    return rc;
+  }
+
+  if (client->hooks != NULL && client->hooks->idleTimeMs != 0) {
+    _cspOsalTime_struct period;
+    period.sec = (int64_t)(client->hooks->idleTimeMs / 1000u);
+    period.usec = (int32_t)((client->hooks->idleTimeMs % 1000u) * 1000u);
+    rc = lorc_timer_create(client, NULL, &period);
+    if (rc < 0) {
+      LORC_API_LOG(LOREG_LVL_FAIL, "%s(): failed creating idle hook timer (code %d)\n", __func__,
+                   rc);
+      _lorc_init_unwind(client, progress);
+      return -EFAULT;
+    }
+    client->idleTimerId = rc;
+  }
+
+  if (client->lmqClient == NULL) {
+    rc = _lorc_thread_start(client);
+    if (rc != 0) {
+      _lorc_init_unwind(client, progress);
+      return rc;
+    }
+  }
+
+  LORC_API_LOG(LOREG_LVL_DETAIL, "%s(): success\n", __func__);
+  *handleOut = client;
+  LORC_API_LOG(LOREG_LVL_DETAIL,
+               "REG_CLIENT_TEST %s(): success to create reg client , handle = 0x%x.\n", __func__,
+               (unsigned)(uintptr_t)client);
+  return 0;
+}
+
+int lorc_shutdown(lorc_client *client) {
+  const loreg_allocator *allocator;
+
+  if (!lorc_client_valid(client)) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): client not yet initialized.\n", __func__);
+    return -EFAULT;
+  }
+  /* From here on every public call refuses the client. */
+  __atomic_store_n(&client->magic, 0u, __ATOMIC_RELEASE);
+
+  if (pthread_mutex_lock(&client->mutex) != 0) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): Unable to lock client mutex (ignored)\n", __func__);
+  }
+  if (client->lmqClient == NULL) {
+    loreg_msg wake;
+
+    /* The loop sleeps in its receive: the idle notification wakes it, and
+     * it sees the stop flag after that message. A failed send only delays
+     * the join until the loop wakes for another reason. */
+    __atomic_store_n(&client->stop, 1, __ATOMIC_RELEASE);
+    memset(&wake, 0, sizeof(wake));
+    wake.header.msgtype = LOREG_MSG_IDLE;
+    (void)loreg_send_self_notification(client->lmq.client, &wake);
+    pthread_mutex_unlock(&client->mutex);
+    LORC_API_LOG(LOREG_LVL_DETAIL, "%s(): wait for message loop task to exit...\n", __func__);
+    if (pthread_join(client->thread, NULL) != 0) {
+      LORC_API_LOG(LOREG_LVL_FAIL, "%s() failed waiting for message loop task to exit.\n",
+                   __func__);
+    } else {
+      LORC_API_LOG(LOREG_LVL_DETAIL, "%s() ... message task joined. \n", __func__);
+    }
+    if (pthread_mutex_lock(&client->mutex) != 0) {
+      LORC_API_LOG(LOREG_LVL_FAIL, "%s(): failed to re-gain client mutex lock (ignored)\n",
+                   __func__);
+    }
+  }
+
+  allocator = client->allocator;
+  loreg_lmq_shutdown(&client->lmq, allocator);
+  lorc_waitupd_reset(client);
+  lorc_subscr_reset_nolock(client);
+  lorc_root_reset_nolock(client);
+  /* Waiters on open jobs wake up with -103 here. */
+  apij_InstDestroy(client->jobs);
+  client->jobs = NULL;
+  tmrq_InstDestroy(client->timers);
+  client->timers = NULL;
+
+  pthread_mutex_unlock(&client->mutex);
+  pthread_mutex_destroy(&client->mutex);
+  if (client->hooks != NULL) loreg_free(allocator, client->hooks);
+  loreg_free(allocator, client);
+  LORC_API_LOG(LOREG_LVL_DETAIL, "%s(): done.\n", __func__);
+  return 0;
+}
+
+int16_t lorc_get_service_id(lorc_client *client) {
+  if (!lorc_client_valid(client)) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(%p): client not initialized.\n", __func__, (void *)client);
+    return 0;
+  }
+  return client->lmq.service_id;
+}
+
+/* ------------------------------------------------------------------------ */
+/* External mode                                                             */
+
+/* A client with a receive queue of its own runs its own loop, and nobody
+ * else may feed it. */
+static int _lorc_accepts_feeding(const lorc_client *client) {
+  return lorc_client_valid(client) && client->lmq.queue == NULL;
+}
+
+int lorc_dispatch_msg(lorc_client *client, loreg_msg *msg, const lmq_rx_info *rxInfo) {
+  _cspOsalTime_struct next = CSP_OSAL_TIME_NEG_INFINITY;
+
+  if (msg == NULL || rxInfo == NULL || !_lorc_accepts_feeding(client)) {
+    return LOREG_ERR_DISPATCH_REFUSED;
+  }
+  return lorc_task_dispatch_msg(client, msg, rxInfo, &next);
+}
+
+void lorc_dispatch_sysmsg(lorc_client *client, uint32_t type, uint32_t subType) {
+  _cspOsalTime_struct next = CSP_OSAL_TIME_NEG_INFINITY;
+
+  if (!_lorc_accepts_feeding(client)) return;
+  lorc_task_dispatch_sysmsg(client, type, subType, &next);
+}
+
+/* ------------------------------------------------------------------------ */
+/* The client thread                                                         */
+
+void *lorc_task_main(void *arg) {
+  lorc_client *client = (lorc_client *)arg;
+  union {
+    unsigned char bytes[LOREG_MSGLOOP_BUFFER_SIZE];
+    uint64_t align;
+  } buffer;
+  loreg_loop loop;
+
+  LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s:%d:%s(): LOREG client task spawned\n",
+                _lorc_basename(__FILE__), __LINE__, __func__);
+  memset(&loop, 0, sizeof(loop));
+  loop.lmq = &client->lmq;
+  loop.on_msg = lorc_task_dispatch_msg;
+  loop.on_sysmsg = lorc_task_dispatch_sysmsg;
+  loop.on_timeout = lorc_task_dispatch_timeout;
+  loop.stop = &client->stop;
+  loop.user = client;
+
+  if (client->hooks != NULL && client->hooks->onTaskStart != NULL) {
+    client->hooks->onTaskStart(client, client->hooks->cookie);
+  }
+  (void)loreg_msgloop(&loop, buffer.bytes);
+  LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s:%d:%s(): LOREG client task ends.\n",
+                _lorc_basename(__FILE__), __LINE__, __func__);
+  if (client->hooks != NULL && client->hooks->onTaskEnd != NULL) {
+    client->hooks->onTaskEnd(client, client->hooks->cookie);
+  }
+  pthread_exit(NULL);
+  return NULL;
+}
+
+/* A reply finds its job by the request id. The reference is held across
+ * the reply handler, also while that handler completes the job, so the
+ * request record stays valid even if a callback destroys the job. */
+static void _lorc_onReply(lorc_client *client, loreg_msg *msg) {
+  apij_job_ref ref;
+  int32_t jobId = (int32_t)msg->header.reqid;
+  const lorc_request *request;
+  uint32_t kind;
+
+  /* A job that is gone (timed-out wait, cancelled) drops its reply. */
+  if (apij_JobRefGet(client->jobs, jobId, &ref) <= 0) return;
+
+  LORC_TASK_LOG(LOREG_LVL_TRACE, "%s(job=%d)\n", "lorc_onReply", (int)jobId);
+  request = (const lorc_request *)ref.cookie;
+  kind = request->type & LORC_REQ_KIND_MASK;
+  if (kind == LORC_REQ_SIMPLE) {
+    lorc_req_simple_reply(client, &ref, msg);
+  } else if (kind == LORC_REQ_COMPOUND) {
+    lorc_req_compound_reply(client, &ref, msg);
+  } else {
+    LORC_TASK_LOG(LOREG_LVL_FAIL, "%s(job=%d) unexpected request type 0x%04x - ignored\n",
+                  "lorc_onReply", (int)jobId, (unsigned)request->type);
+  }
+  apij_JobRefRelease(client->jobs, &ref);
+}
+
+void lorc_onKeyUpdate(lorc_client *client, loreg_msg *msg, const lmq_rx_info *rxInfo) {
+  lstr path;
+  lorc_key_struct item;
+  uint32_t reason = msg->header.arg0;
+
+  path.ptr = msg->data1;
+  path.len = msg->header.len1;
+  (void)lstr_zterm(&path);
+
+  memset(&item, 0, sizeof(item));
+  item.path = path.ptr;
+  item.flags = msg->header.arg1;
+  if (msg->header.len0 != 0) {
+    item.value = msg->data0;
+    item.value_len = msg->header.len0;
+  }
+  LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s, flags=0x%02x, tid=%d, '%s')\n",
+                lorc_get_reason_txt(reason), (unsigned)item.flags, (int)msg->header.tid, path.ptr);
+
+  /* Root tracking sees an update before anybody else, and a bulk job's
+   * awaited updates are recorded before the subscribers run. */
+  lorc_root_keyupd(client, &path, &item, reason, &rxInfo->reply);
+  lorc_req_compound_keyupd(client, &item);
+  lorc_subscr_process(client, &path, &item, reason, msg->header.tid);
+}
+
+static void _lorc_onNotification(lorc_client *client, loreg_msg *msg, const lmq_rx_info *rxInfo) {
+  switch (msg->header.msgtype) {
+    case LOREG_MSG_IDLE:
+      LORC_TASK_LOG(LOREG_LVL_TRACE, "idle notification\n");
+      lorc_subscr_process(client, NULL, NULL, 0, 0);
+      break;
+    case LOREG_MSG_KEY_UPDATE:
+      lorc_onKeyUpdate(client, msg, rxInfo);
+      break;
+    default:
+      LORC_TASK_LOG(LOREG_LVL_FAIL, "%s( msgtype=0x%04x ) unknown notification - ignored\n",
+                    "lorc_onNotification", (unsigned)msg->header.msgtype);
+      break;
+  }
+}
+
+int lorc_task_dispatch_msg(void *user, loreg_msg *msg, const lmq_rx_info *rxInfo,
+                           _cspOsalTime_struct *nextWake) {
+  lorc_client *client = (lorc_client *)user;
+  int rc = 0;
+
+  if (msg->header.msgtype & LOREG_MSG_REPLY_BIT) {
+    _lorc_onReply(client, msg);
+  } else if (msg->header.msgtype & LOREG_MSG_NOTIFY_BIT) {
+    _lorc_onNotification(client, msg, rxInfo);
+  } else {
+    rc = LOREG_ERR_WRONG_SIDE;
+  }
+  (void)lorc_timer_process(client, nextWake);
+  return rc;
+}
+
+void lorc_task_dispatch_sysmsg(void *user, uint32_t type, uint32_t subType,
+                               _cspOsalTime_struct *nextWake) {
+  lorc_client *client = (lorc_client *)user;
+
+  LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s(type=0x%x, subType=0x%x)\n", __func__, (unsigned)type,
+                (unsigned)subType);
+  if (type == LMQ_SYSMSG_HOST_PRESENT && subType == LMQ_SYSMSG_SUBTYPE_PRESENT) {
+    /* A server was there before us: ask it for its root, which it sends
+     * back as a key update to this client alone. */
+    loreg_msg query;
+    memset(&query, 0, sizeof(query));
+    query.header.msgtype = LOREG_MSG_ROOT_KEY_QUERY;
+    (void)loreg_send_command(client->lmq.client, client->lmq.service_id, &query);
+  }
+  if (client->hooks != NULL && client->hooks->onSysMsg != NULL) {
+    client->hooks->onSysMsg(client, type, subType, client->hooks->cookie);
+  }
+  (void)lorc_timer_process(client, nextWake);
+}
+
+void lorc_task_dispatch_timeout(void *user, _cspOsalTime_struct *nextWake) {
+  (void)lorc_timer_process((lorc_client *)user, nextWake);
+}
