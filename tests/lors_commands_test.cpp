@@ -261,6 +261,39 @@ TEST_F(Commands, StrictRuleWantsMoreThanTheRootPathAndASlash) {
   EXPECT_EQ(Count(f.full("/")), 0u);
 }
 
+// "//" in a path is an empty piece with its "/": a key named "/" below the
+// key before it. Such keys are made, read, saved, read back and deleted
+// like any other.
+TEST_F(Commands, DoubleSlashNamesAKeyCalledSlash) {
+  Put("/a//b", "1");
+  EXPECT_EQ(Dump(f.server()->root), "/=(28)[a/=(08)[/=(08)[b=1(04);];];]");
+  auto r = f.get("/a//b");
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+  EXPECT_EQ(r->data0, "1");
+  r = f.get("/a/b");
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, -2);
+  r = f.request(LOREG_MSG_KEY_QUERY, kMaskAll, 0, 0, "", f.full("/a/"));
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+  EXPECT_EQ(r->data0, "/");
+  EXPECT_EQ(r->header.arg0, KEYF_DIR);
+  // The root's own path followed by "/" is a key "/" below the root.
+  Put("//", "2");
+  EXPECT_EQ(Count(f.full("//")), 0u);
+  EXPECT_EQ(Count(f.full("/")), 2u);
+
+  Clean();
+  ASSERT_EQ(f.restart(), 0);
+  EXPECT_EQ(Dump(f.server()->root), "/=(28)[/=2(0c);a/=(08)[/=(08)[b=1(04);];];]");
+  f.client().clear();
+  r = f.request(LOREG_MSG_KEY_DELETE, 0, 0, 0, "", f.full("/a//"));
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+  EXPECT_EQ(Dump(f.server()->root), "/=(28)[/=2(0c);a/=(08);]");
+}
+
 // --- value set --------------------------------------------------------------------------
 
 TEST_F(Commands, ValueSetCreatesKeyReplyFieldsLogAndBroadcast) {

@@ -782,4 +782,21 @@ TEST_F(CrashSafety, AnyChangedByteOfANameOrValueFallsBackToTheOlder) {
   EXPECT_EQ(mismatches, 0) << "of " << runs;
 }
 
+
+// A line too long for the parser is dropped without failing the import;
+// only a key in it is missed, by the checksum.
+TEST_F(ImportFile, OverlongLineIsDroppedAndOnlyAKeyInItFailsTheChecksum) {
+  const std::string head = "DIR 0x28 /\n  KEY 0x04 a 1\n";
+  const std::string tail = "  KEY 0x04 b 2\n/DIR\n";
+  EXPECT_EQ(Import(head + "  NOTE " + std::string(9000, 'x') + "\n" + tail + Trailer(5, "/a1b2")),
+            0)
+      << log_.dump();
+  EXPECT_EQ(dump_tree(f_.server()->root),
+            (std::vector<std::string>{"/ 0x28 ", "/a 0x04 31", "/b 0x04 32"}));
+
+  const std::string long_value(9000, 'v');
+  ExpectRefused(Import(head + "  KEY 0x04 c " + long_value + "\n" + tail +
+                       Trailer(6, "/a1c" + long_value + "b2")));
+}
+
 }  // namespace

@@ -1,7 +1,9 @@
 // The repository server's key tree.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -966,6 +968,78 @@ TEST_F(RpWalkTest, NullArgumentsGiveZero) {
   r.walk.callback = nullptr;
   EXPECT_EQ(lors_rp_TreeWalk(root_, &r.walk), 0);
   EXPECT_EQ(r.walk.visited, 8);
+}
+
+TEST_F(RpWalkTest, CallbackChangesToPathAndLevelDoNotLast) {
+  Recorder r;
+  InitRecorder(&r, 63, LORS_RP_MASK_ALL);
+  r.walk.callback = [](lors_rp_node *node, lors_rp_walk *walk) -> int32_t {
+    int32_t rc = RecordVisit(node, walk);
+    walk->path.len = 0;
+    walk->level = 99;
+    return rc;
+  };
+  EXPECT_EQ(lors_rp_TreeWalk(root_, &r.walk), 0);
+  EXPECT_EQ(Paths(r), (std::vector<std::string>{"/", "/a/", "/a/x", "/a/y/", "/a/y/z", "/b", "/c/",
+                                                "/c/w"}));
+  std::vector<int32_t> levels;
+  for (const auto &v : r.visits) levels.push_back(v.level);
+  EXPECT_EQ(levels, (std::vector<int32_t>{0, 1, 2, 2, 3, 1, 1, 2}));
+  EXPECT_EQ(r.walk.level, 0);
+  EXPECT_EQ(r.walk.path.len, 0u);
+}
+
+// ------------------------------------------------------------ deep trees
+
+// Runs body on a thread with a small fixed stack, as the server's own
+// thread has one.
+void OnSmallStack(const std::function<void()> &body) {
+  pthread_attr_t attr;
+  ASSERT_EQ(pthread_attr_init(&attr), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
+  pthread_t thread;
+  auto run = [](void *arg) -> void * {
+    (*static_cast<const std::function<void()> *>(arg))();
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<void()> *>(&body)), 0);
+  ASSERT_EQ(pthread_join(thread, nullptr), 0);
+  pthread_attr_destroy(&attr);
+}
+
+// A chain far deeper than a small stack could hold as one frame per level:
+// scan, walk and delete follow the tree's links instead.
+TEST_F(RpTest, ScanWalkAndDeleteNeedNoStackPerLevel) {
+  const int kLevels = 50000;
+  lors_rp_node *bottom = root_;
+  for (int i = 0; i < kLevels; i++) bottom = Add(bottom, "d/");
+  Lock(bottom, &tas_[0], 7);
+  Add(root_, "z", "1");  // a sibling of the chain, visited after it
+
+  int32_t scan = 0, deleted = 0, walked = 0, deepest = 0;
+  lors_tas *owner = nullptr;
+  lors_rp_walk walk{};
+  OnSmallStack([&] {
+    scan = lors_rp_ScanRecursive(root_, 0, &owner);
+    walk.mask = LORS_RP_MASK_ALL;
+    walk.user = &deepest;
+    walk.callback = [](lors_rp_node *, lors_rp_walk *w) -> int32_t {
+      int32_t *max = static_cast<int32_t *>(w->user);
+      if (w->level > *max) *max = w->level;
+      return 0;
+    };
+    walked = lors_rp_TreeWalk(root_, &walk);
+    deleted = lors_rp_DeleteRecursive(alloc_.handle(), TAILQ_FIRST(&root_->children), nullptr);
+  });
+  EXPECT_EQ(scan, -13);
+  EXPECT_EQ(owner, &tas_[0]);
+  EXPECT_EQ(walked, 0);
+  EXPECT_EQ(walk.visited, kLevels + 2);
+  EXPECT_EQ(deepest, kLevels);
+  EXPECT_EQ(walk.level, 0);
+  EXPECT_EQ(deleted, kLevels);
+  EXPECT_EQ(tas_[0].node, nullptr);
+  EXPECT_EQ(Names(root_), (std::vector<std::string>{"z"}));
 }
 
 }  // namespace

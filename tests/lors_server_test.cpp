@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -398,6 +399,50 @@ TEST(LorsInit, HostingFailureUnwinds) {
   EXPECT_TRUE(log.contains("lmqHostService(LOREG) failed")) << log.dump();
   EXPECT_EQ(alloc.live_blocks(), 0u);
   // The attachment was undone: the client still hosts by its own call only.
+  EXPECT_EQ(lmqUnHostService(d.client(), id), 0);
+  EXPECT_EQ(lmqUnRegisterPlainId(d.lmq(), id), 0);
+}
+
+// A failure after a successful import frees the imported tree as well.
+TEST(LorsInit, FailureAfterAnImportFreesTheImportedTree) {
+  TempDir dir;
+  lors_fio fio = g_lors_default_fio;
+  std::string file0 = dir.file("loreg0.dat"), file1 = dir.file("loreg1.dat");
+  fio.file0 = file0.c_str();
+  fio.file1 = file1.c_str();
+  {
+    ServerOptions options;
+    options.fio = &fio;
+    options.options = LORS_OPT_COMMIT_ON_SHUTDOWN;
+    ServerFixture f(options);
+    ASSERT_EQ(f.start(), 0);
+    ASSERT_TRUE(f.set("/a/b", "1"));
+    ASSERT_TRUE(f.set("/a/c", "2"));
+    // The fixture puts the files in its own directory: copy what it wrote.
+    ASSERT_EQ(f.stop(), 0);
+    std::ifstream in(f.file1(), std::ios::binary);
+    std::ofstream out(file0, std::ios::binary);
+    out << in.rdbuf();
+    ASSERT_TRUE(in && out);
+  }
+
+  TestAllocator alloc;
+  DirectServer d;
+  int16_t id = 0;
+  ASSERT_EQ(lmqRegisterPlainId(d.lmq(), "LOREG", 6, &id), 0);
+  ASSERT_EQ(lmqHostService(d.client(), id, 0), 0);  // hosting will fail
+  d.params().allocator = alloc.handle();
+  d.params().options = 0;
+  d.params().fio = &fio;
+  lors_ctx *server = nullptr;
+  LogCapture log;
+  EXPECT_EQ(lors_init(&server, &d.params()), -14);
+  EXPECT_TRUE(log.has_line_matching(
+      "lors_import\\.c:[0-9]+:lors_import\\(\\): Import: 4 key\\(s\\) read from '.*', "
+      "commit_count=1\\.\n"))
+      << log.dump();
+  EXPECT_EQ(server, nullptr);
+  EXPECT_EQ(alloc.live_blocks(), 0u);
   EXPECT_EQ(lmqUnHostService(d.client(), id), 0);
   EXPECT_EQ(lmqUnRegisterPlainId(d.lmq(), id), 0);
 }

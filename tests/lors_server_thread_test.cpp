@@ -186,3 +186,70 @@ TEST(LorsServerThread, ShutdownWhileClientsSend) {
 }
 
 }  // namespace
+
+// A path as deep as one message can carry, served by "lorsmain" on its
+// small stack: the transaction start scans the subtree, the store writes
+// it, the delete frees it, the trigger walks it. None of them may need
+// stack per level.
+TEST(LorsServerThread, DeepestPathOfOneMessageIsServed) {
+  LogCapture log;
+  ServerFixture f(OwnThread());
+  ASSERT_EQ(f.start(), 0);
+  const int kLevels = 4000;
+  std::string deepest = f.full("");
+  for (int i = 0; i < kLevels; i++) deepest += "/a";
+  deepest += "/v";
+  ASSERT_LT(deepest.size(), 8191u - 62u);
+
+  auto r = f.request(LOREG_MSG_VALUE_SET, kSetPlain, 0, 0, "1", deepest);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+
+  // The trigger serves the top of the chain, down to its deepest level.
+  f.client().clear();
+  f.send(LOREG_MSG_KEY_UPDATE_TRIGGER, 0xFFFFFFFFu, 99, 0, "", f.full("/a/"));
+  ASSERT_TRUE(WaitLoopIdle(f));
+  f.client().poll();
+  auto notes = f.client().notifications();
+  ASSERT_EQ(notes.size(), 100u);
+  EXPECT_EQ(notes.back().data1.size(), f.full("").size() + 1 + 2 * 100);
+
+  r = f.request(LOREG_MSG_TA_START, 0, 0, 0, "", f.full("/a/"));
+  ASSERT_TRUE(r);
+  ASSERT_EQ(r->header.result, 0);
+  int32_t tid = r->header.tid;
+  // Another transaction on the bottom key must wait for the one above.
+  r = f.request(LOREG_MSG_TA_START, 0, 0, 0, "", deepest);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, -13);
+  r = f.request(LOREG_MSG_TA_END, 0, 0, tid, "", "");
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+
+  r = f.request(LOREG_MSG_REPO_STORE, 0, 0, 0, "", "");
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+  EXPECT_TRUE(log.has_line("Export (Repository store cmd): used '" + f.file1() + "', " +
+                           std::to_string(kLevels + 2) + " of " + std::to_string(kLevels + 2) +
+                           " keys changed, commit_count=1\n"))
+      << log.dump();
+
+  r = f.request(LOREG_MSG_KEY_DELETE, 0, 0, 0, "", f.full("/a/"));
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+  EXPECT_TRUE(log.has_line("lors_onKeyDelete(reqid=" + std::to_string(f.last_reqid()) +
+                           " tid=0) dirty=caused " + std::to_string(kLevels + 1) +
+                           " nodes deleted, path='/a/'\n"))
+      << log.dump();
+  r = f.request(LOREG_MSG_VALUE_QUERY, 0, 0, 0, "", deepest);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, -2);
+
+  // The file holds the whole chain: a new server reads it back.
+  ASSERT_EQ(f.restart(), 0);
+  r = f.request(LOREG_MSG_VALUE_QUERY, 0, 0, 0, "", deepest);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->header.result, 0);
+  EXPECT_EQ(r->data0, "1");
+}
+

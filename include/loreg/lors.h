@@ -127,8 +127,8 @@ LOREG_EXPORT extern lors_ctx *g_loregServerHandle;
  * Returns 0, -22 for a null params or handle, -12 when memory runs out,
  * -14 when the thread cannot be started, or loreg_lmq_init's error. A
  * failure undoes what was reached: the lmq attachment, the timer queue,
- * the root key itself and the context. Keys that an import hung below the
- * root before a later step failed are not freed.
+ * the whole tree (also what an import read before a later step failed)
+ * and the context.
  */
 LOREG_EXPORT int lors_init(lors_ctx **handle, const lors_params *params);
 

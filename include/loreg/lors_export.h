@@ -61,7 +61,8 @@ LOREG_EXPORT int lors_export(lors_ctx *server, const char *device, const char *f
  * skipped with its subtree; so is, with one message, a node whose line
  * would not end before the buffer's last byte, because its name and value
  * are too long or because the indentation of its depth leaves no room.
- * Returns 0, -5 for a short write, or -22 for a null argument.
+ * context->depth is as it was on return. Needs no stack per level of the
+ * tree. Returns 0, -5 for a short write, or -22 for a null argument.
  */
 LOREG_EXPORT int lors_exprt_node(lors_export_ctx *context, const lors_rp_node *node);
 

@@ -198,16 +198,17 @@ LOREG_EXPORT int32_t lors_rp_UpdateValue(const loreg_allocator *allocator,
  * Looks at node and its subtree, depth first in child order, for a key
  * locked by a transaction whose id isn't tid. Returns 0 if none, else -13
  * and stores the first such transaction in *owner if owner isn't NULL.
- * A NULL node gives 0.
+ * A NULL node gives 0. Needs no stack per level of the tree.
  */
 LOREG_EXPORT int32_t lors_rp_ScanRecursive(const lors_rp_node *node, int32_t tid,
                                            struct lors_tas **owner);
 
 /*
- * Frees node and its whole subtree, after unlinking node from its parent.
- * For each key below node (not node itself), ORs LORS_RP_DELETED_DIR or
- * LORS_RP_DELETED_KEY into *kinds if kinds isn't NULL. Returns the number
- * of keys freed, node included; a NULL node gives 0.
+ * Frees node and its whole subtree, children first in order, node last,
+ * which is unlinked from its parent. For each key below node (not node
+ * itself), ORs LORS_RP_DELETED_DIR or LORS_RP_DELETED_KEY into *kinds if
+ * kinds isn't NULL. Returns the number of keys freed, node included; a
+ * NULL node gives 0. Needs no stack per level of the tree.
  */
 LOREG_EXPORT int32_t lors_rp_DeleteRecursive(const loreg_allocator *allocator,
                                              lors_rp_node *node, uint32_t *kinds);
@@ -218,9 +219,13 @@ LOREG_EXPORT int32_t lors_rp_DeleteRecursive(const loreg_allocator *allocator,
  * not reported, but their children are). With a path buffer, each key's
  * name is appended to walk->path while the key and its subtree are
  * visited; a key whose path would exceed path_max is left out with its
- * subtree (logged), and the walk goes on with its siblings. Returns 0, or
- * the first negative callback result, which ends the walk. NULL arguments
- * give 0.
+ * subtree (logged), and the walk goes on with its siblings. Callbacks read
+ * walk->level (its starting value at node, one more per level below) and
+ * walk->path; the walk sets both again after each callback, so a
+ * callback's changes to them don't last. Returns 0, or
+ * the first negative callback result, which ends the walk; path and level
+ * are as they were at the start either way. NULL arguments give 0. Needs
+ * no stack per level of the tree.
  */
 LOREG_EXPORT int32_t lors_rp_TreeWalk(lors_rp_node *node, lors_rp_walk *walk);
 

@@ -15,11 +15,7 @@
 #include "loreg/lors_broadcast.h"
 #include "loreg/lors_export.h"
 #include "loreg/lors_tas.h"
-
-static void _lors_commit_ms_to_time(uint32_t ms, _cspOsalTime_struct *time) {
-  time->sec = (int64_t)(ms / 1000u);
-  time->usec = (int32_t)((ms % 1000u) * 1000u);
-}
+#include "server/lors_private.h"
 
 /* A timer description with the server's callback and user pointer. */
 static void _lors_timer_info(lors_ctx *server, tmrq_info *info) {
@@ -51,7 +47,7 @@ int lors_repositorySetDirty(lors_ctx *server, int dirty) {
     /* The intermediate timer keeps its rhythm from the first change of a
      * dirty period: it is started here only. */
     if (delayed && server->commit_delay_intermediate != 0) {
-      _lors_commit_ms_to_time(server->commit_delay_intermediate, &delay);
+      _lors_ms_to_time(server->commit_delay_intermediate, &delay);
       lors_timer_set(server, &server->commit_timer_intermediate, &delay, &delay);
     }
   }
@@ -59,7 +55,7 @@ int lors_repositorySetDirty(lors_ctx *server, int dirty) {
    * it falls due only once the repository has come to rest. A timer that
    * can't be set isn't reported: the next change tries again. */
   if (delayed && server->commit_delay_final != 0) {
-    _lors_commit_ms_to_time(server->commit_delay_final, &delay);
+    _lors_ms_to_time(server->commit_delay_final, &delay);
     lors_timer_set(server, &server->commit_timer_final, &delay, NULL);
   }
   if ((server->options & LORS_OPT_COMMIT_ON_CHANGE) != 0) {

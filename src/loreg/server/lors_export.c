@@ -6,6 +6,7 @@
 #include "common/loreg_debug.h"
 #include "loreg/crc.h"
 #include "loreg/lors_commit.h"
+#include "server/lors_private.h"
 
 /* Token and flags of a node line ("KEY 0x05"), and the closing line of a
  * directory without its indentation. */
@@ -16,10 +17,6 @@
 /* Index of the last byte of the line buffer: a line and its LF must end
  * before it, so the longest line is LORS_EXPORT_SCRATCH_SIZE - 1 bytes. */
 #define LORS_EXPORT_LIMIT (LORS_EXPORT_SCRATCH_SIZE - 1)
-
-/* Texts that may be null go through this, so that a message shows what
- * the C library would print for them without handing it a null "%s". */
-static const char *_lors_exprt_text(const char *text) { return text != NULL ? text : "(null)"; }
 
 /* Bytes that the file cannot hold as they are: the blanks and controls
  * that would split or end a word, and the escape character itself. */
@@ -104,9 +101,13 @@ static int _lors_exprt_dirend(lors_export_ctx *context, const lors_rp_node *node
   return 0;
 }
 
-int lors_exprt_node(lors_export_ctx *context, const lors_rp_node *node) {
-  if (context == NULL || node == NULL || context->scratch == NULL || context->write == NULL)
-    return -22;
+/* Writes the line of one node at the current depth, counts it and adds
+ * it to the checksum. Returns 0, or -5 for a short write; *open is set for
+ * a directory whose line was written, whose children and closing line
+ * must follow. A volatile node, or one whose line doesn't fit, is left out
+ * with everything below it: no line, *open clear. */
+static int _lors_exprt_line(lors_export_ctx *context, const lors_rp_node *node, int *open) {
+  *open = 0;
   if (node->flags & KEYF_VOLATILE) return 0;
 
   /* Guard against depth. A node needs 2 * depth blanks and the 8 bytes of
@@ -166,20 +167,56 @@ int lors_exprt_node(lors_export_ctx *context, const lors_rp_node *node) {
   if (node->flags & KEYF_CHANGED) context->changed++;
   context->crc = crc_update(context->crc, node->name.ptr, node->name.len);
   context->crc = crc_update(context->crc, node->value.ptr, node->value.len);
+  *open = (node->flags & KEYF_DIR) != 0;
+  return 0;
+}
 
-  if (!(node->flags & KEYF_DIR)) return 0;
+/* Leaves a node of the export, closing each directory whose last child it
+ * was, and returns in *next the next sibling found on the way up, or null
+ * once start is done. Returns 0 or -5 for a short write. */
+static int _lors_exprt_leave(lors_export_ctx *context, const lors_rp_node *start,
+                             const lors_rp_node *node, const lors_rp_node **next) {
+  for (;;) {
+    *next = NULL;
+    if (node == start) return 0;
+    *next = TAILQ_NEXT(node, link);
+    if (*next != NULL) return 0;
+    node = node->parent;
+    context->depth--;
+    int rc = _lors_exprt_dirend(context, node);
+    if (rc != 0) return rc;
+  }
+}
 
+/* The tree is written depth first along its own links rather than by
+ * recursion: a path of one message reaches thousands of levels, more than
+ * the server thread's stack would hold as frames. */
+int lors_exprt_node(lors_export_ctx *context, const lors_rp_node *node) {
+  if (context == NULL || node == NULL || context->scratch == NULL || context->write == NULL)
+    return -22;
+
+  const lors_rp_node *start = node;
+  const int32_t start_depth = context->depth;
   int rc = 0;
-  context->depth++;
-  const lors_rp_node *child;
-  TAILQ_FOREACH(child, &node->children, link) {
-    rc = lors_exprt_node(context, child);
+  while (node != NULL) {
+    int open;
+    rc = _lors_exprt_line(context, node, &open);
+    if (rc != 0) break;
+    if (open) {
+      const lors_rp_node *child = TAILQ_FIRST(&node->children);
+      if (child != NULL) {
+        context->depth++;
+        node = child;
+        continue;
+      }
+      rc = _lors_exprt_dirend(context, node);
+      if (rc != 0) break;
+    }
+    rc = _lors_exprt_leave(context, start, node, &node);
     if (rc != 0) break;
   }
-  context->depth--;
-  if (rc != 0) return rc;
-
-  return _lors_exprt_dirend(context, node);
+  context->depth = start_depth;
+  return rc;
 }
 
 /* Writes a trailer line of size bytes that lies formatted in the scratch
@@ -197,7 +234,7 @@ static int _lors_exprt_trailer(lors_export_ctx *context, int32_t size, const cha
 
 int lors_export(lors_ctx *server, const char *device, const char *file, const char *label) {
   if (server == NULL) return -22;
-  label = _lors_exprt_text(label);
+  label = _lors_text(label);
   const lors_fio *fio = server->fio;
   if (fio == NULL || fio->open == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Export (%s): no file i/o functions available!\n",
@@ -220,7 +257,7 @@ int lors_export(lors_ctx *server, const char *device, const char *file, const ch
   if (context.handle == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "Export (%s): failed to open '%s' on '%s' for writing!\n", label,
-              _lors_exprt_text(file), _lors_exprt_text(device));
+              _lors_text(file), _lors_text(device));
     loreg_free(server->allocator, context.scratch);
     return -5;
   }
@@ -247,12 +284,12 @@ int lors_export(lors_ctx *server, const char *device, const char *file, const ch
   if (closed != 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "Export (%s): failed to close '%s' on '%s' after writing! (code %d)\n", label,
-              _lors_exprt_text(file), _lors_exprt_text(device), (int)closed);
+              _lors_text(file), _lors_text(device), (int)closed);
     rc = closed;
   } else if (rc == 0) {
     LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER,
               "Export (%s): used '%s', %u of %u keys changed, commit_count=%llu\n", label,
-              _lors_exprt_text(file), (unsigned)context.changed, (unsigned)context.keys,
+              _lors_text(file), (unsigned)context.changed, (unsigned)context.keys,
               (unsigned long long)count);
   }
 
@@ -267,7 +304,7 @@ static const char *_lors_exprt_slot(const lors_fio *fio, int32_t index) {
 
 int lors_exprt_default(lors_ctx *server, const char *label) {
   if (server == NULL) return -22;
-  label = _lors_exprt_text(label);
+  label = _lors_text(label);
 
   int both = (server->options & LORS_OPT_EXPORT_BOTH) && server->export_count == 0;
   if (!both && server->dirty == 0) {

@@ -6,24 +6,15 @@
 #include "common/loreg_debug.h"
 #include "loreg/crc.h"
 #include "loreg/lors_commit.h"
+#include "server/lors_private.h"
 
 /* Words of a line that the reader looks at: token, flags, name, value. */
 #define LORS_IMPORT_MAX_WORDS 4
 
-/* Base name of this source file, for the lines that name their place. */
-static const char *_lors_imprt_base(void) {
-  const char *slash = strrchr(__FILE__, '/');
-  return slash != NULL ? slash + 1 : __FILE__;
-}
-
 /* The "%s:%d:%s()" arguments of a line: file, line and function. */
-#define LORS_IMPRT_WHERE _lors_imprt_base(), __LINE__, __func__
+#define LORS_IMPRT_WHERE _lors_basename(__FILE__), __LINE__, __func__
 /* The same for a helper that reports on behalf of the function named. */
-#define LORS_IMPRT_WHERE_OF(function) _lors_imprt_base(), __LINE__, (function)
-
-/* Texts that may be null go through this, so that a message shows what
- * the C library would print for them without handing it a null "%s". */
-static const char *_lors_imprt_text(const char *text) { return text != NULL ? text : "(null)"; }
+#define LORS_IMPRT_WHERE_OF(function) _lors_basename(__FILE__), __LINE__, (function)
 
 /* One digit of an escape. Digits are not validated: anything up to "9"
  * counts from "0", anything up to "F" from "A", anything above from "a",
@@ -58,7 +49,7 @@ int lors_imprt_parseKeyLine(lors_rp_node **node, lors_import_ctx *context, int w
   if (word_count < 3) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "Import: '%s' too few tokens in '%s'-line (only %d of 3)\n",
-              _lors_imprt_text(context->file), words[0], word_count);
+              _lors_text(context->file), words[0], word_count);
     return -9;
   }
 
@@ -76,7 +67,7 @@ int lors_imprt_parseKeyLine(lors_rp_node **node, lors_import_ctx *context, int w
   if (made == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "Import: '%s' '%s'-line: failed to alloc new key node\n",
-              _lors_imprt_text(context->file), words[0]);
+              _lors_text(context->file), words[0]);
     return -12;
   }
   /* Only the user bit is the file's to say; the rest is derived again or
@@ -96,7 +87,7 @@ static int _lors_imprt_key(lors_import_ctx *context, uint32_t line_number, int w
   context->crc_seen = 0;
   if (context->current_dir == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: %s:%u found KEY outside DIR token\n",
-              _lors_imprt_text(context->file), (unsigned)line_number);
+              _lors_text(context->file), (unsigned)line_number);
     return -9;
   }
   lors_rp_node *node;
@@ -105,7 +96,7 @@ static int _lors_imprt_key(lors_import_ctx *context, uint32_t line_number, int w
   if (node->flags & KEYF_DIR) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "Import: %s:%u DIR instead of KEY expected for '%s'\n",
-              _lors_imprt_text(context->file), (unsigned)line_number, node->name.ptr);
+              _lors_text(context->file), (unsigned)line_number, node->name.ptr);
     lors_rp_delete(context->allocator, node);
     return -9;
   }
@@ -125,7 +116,7 @@ static int _lors_imprt_dir(lors_import_ctx *context, uint32_t line_number, int w
   if (!(node->flags & KEYF_DIR)) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "Import: %s:%u KEY instead of DIR expected for '%s'\n",
-              _lors_imprt_text(context->file), (unsigned)line_number, node->name.ptr);
+              _lors_text(context->file), (unsigned)line_number, node->name.ptr);
     lors_rp_delete(context->allocator, node);
     return -9;
   }
@@ -136,7 +127,7 @@ static int _lors_imprt_dir(lors_import_ctx *context, uint32_t line_number, int w
   } else {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "Import: %s:%u found more than one top-level DIR token!\n",
-              _lors_imprt_text(context->file), (unsigned)line_number);
+              _lors_text(context->file), (unsigned)line_number);
     lors_rp_delete(context->allocator, node);
     return -9;
   }
@@ -155,7 +146,7 @@ int lors_imprt_lineHandler(char *line, uint32_t length, const char *lineend, uin
   char *words[LORS_IMPORT_MAX_WORDS];
   int word_count = lnparse_arg_separate(line, words, LORS_IMPORT_MAX_WORDS);
   if (word_count <= 0) return 0;
-  const char *file = _lors_imprt_text(context->file);
+  const char *file = _lors_text(context->file);
 
   if (strcmp(words[0], "KEY") == 0) return _lors_imprt_key(context, line_number, word_count, words);
   if (strcmp(words[0], "DIR") == 0) return _lors_imprt_dir(context, line_number, word_count, words);
@@ -232,7 +223,7 @@ static int _lors_imprt_read(const lors_fio *fio, lors_import_ctx *context) {
  * caller, function. Returns 0 or -9. */
 static int _lors_imprt_check(const lors_ctx *server, const lors_import_ctx *context,
                              uint64_t last_commit_count, const char *function) {
-  const char *file = _lors_imprt_text(context->file);
+  const char *file = _lors_text(context->file);
   if (context->new_root == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "Import: '%s' no new root key read from file.\n",
               file);
@@ -293,8 +284,8 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
     context.handle = fio->open(device, file, LORS_FIO_MODE_READ);
     if (context.handle == NULL) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
-                "Import: failed to open '%s' on '%s' for reading!\n", _lors_imprt_text(file),
-                _lors_imprt_text(device));
+                "Import: failed to open '%s' on '%s' for reading!\n", _lors_text(file),
+                _lors_text(device));
       rc = -5;
     }
   }
@@ -310,7 +301,7 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
   if (rc == 0) rc = _lors_imprt_read(fio, &context);
   if (rc == 0) rc = _lors_imprt_check(server, &context, last_commit_count, __func__);
 
-  const char *name = _lors_imprt_text(file);
+  const char *name = _lors_text(file);
   if (rc != 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
               "%s:%d:%s():  Import file (%s) failed !!! res = %d.\n", LORS_IMPRT_WHERE, name, rc);
@@ -344,7 +335,7 @@ int lors_import(lors_ctx *server, const char *device, const char *file,
     if (closed != 0) {
       LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER,
                 "Import: failed to close '%s' on '%s' after reading! (code %d)\n", name,
-                _lors_imprt_text(device), (int)closed);
+                _lors_text(device), (int)closed);
     }
   }
   loreg_free(server->allocator, context.scratch);
@@ -361,7 +352,7 @@ int lors_imprt_default(lors_ctx *server) {
   for (int32_t index = 0; index < 2; index++) {
     const char *file = fio == NULL ? NULL : index != 0 ? fio->file1 : fio->file0;
     LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s(): Import: repository [%s] ...\n",
-              LORS_IMPRT_WHERE, _lors_imprt_text(file));
+              LORS_IMPRT_WHERE, _lors_text(file));
     /* Each file must be newer than what the server holds by now, so file
      * 1 replaces file 0 only if it is newer still. */
     rc = lors_import(server, device, file, server->commit_count);

@@ -199,16 +199,31 @@ int32_t lors_rp_UpdateValue(const loreg_allocator *allocator, lors_rp_node **nod
   return 0;
 }
 
-int32_t lors_rp_ScanRecursive(const lors_rp_node *node, int32_t tid, struct lors_tas **owner) {
-  if (node == NULL) return 0;
-  if (node->owner != NULL && node->owner->tid != tid) {
-    if (owner != NULL) *owner = node->owner;
-    return -13;
+/* The key that follows node in a depth-first walk of start's subtree once
+ * node's own subtree is done: its next sibling, or else the next sibling
+ * of its nearest ancestor that has one, without leaving start's subtree.
+ * Null when the walk is over. The walks below use the tree's own links
+ * instead of recursion, since a path of one message already reaches
+ * thousands of levels, far more than the server thread's stack would hold
+ * as frames. */
+static const lors_rp_node *_lors_rp_after(const lors_rp_node *start, const lors_rp_node *node) {
+  while (node != start) {
+    const lors_rp_node *next = TAILQ_NEXT(node, link);
+    if (next != NULL) return next;
+    node = node->parent;
   }
-  const lors_rp_node *child;
-  TAILQ_FOREACH(child, &node->children, link) {
-    int32_t rc = lors_rp_ScanRecursive(child, tid, owner);
-    if (rc != 0) return rc;
+  return NULL;
+}
+
+int32_t lors_rp_ScanRecursive(const lors_rp_node *node, int32_t tid, struct lors_tas **owner) {
+  const lors_rp_node *start = node;
+  while (node != NULL) {
+    if (node->owner != NULL && node->owner->tid != tid) {
+      if (owner != NULL) *owner = node->owner;
+      return -13;
+    }
+    const lors_rp_node *child = TAILQ_FIRST(&node->children);
+    node = child != NULL ? child : _lors_rp_after(start, node);
   }
   return 0;
 }
@@ -216,52 +231,102 @@ int32_t lors_rp_ScanRecursive(const lors_rp_node *node, int32_t tid, struct lors
 int32_t lors_rp_DeleteRecursive(const loreg_allocator *allocator, lors_rp_node *node,
                                 uint32_t *kinds) {
   if (node == NULL) return 0;
+  lors_rp_node *start = node;
   int32_t count = 0;
-  lors_rp_node *child;
-  /* Each recursive call unlinks its child, so the first child changes. */
-  while ((child = TAILQ_FIRST(&node->children)) != NULL) {
-    if (kinds != NULL) *kinds |= (child->flags & KEYF_DIR) ? LORS_RP_DELETED_DIR : LORS_RP_DELETED_KEY;
-    count += lors_rp_DeleteRecursive(allocator, child, kinds);
+  /* Down to the first key without children, free it, and go on from its
+   * parent, whose first child is then the next one: children go first,
+   * in order, and start last. */
+  for (;;) {
+    lors_rp_node *child = TAILQ_FIRST(&node->children);
+    if (child != NULL) {
+      if (kinds != NULL) {
+        *kinds |= (child->flags & KEYF_DIR) ? LORS_RP_DELETED_DIR : LORS_RP_DELETED_KEY;
+      }
+      node = child;
+      continue;
+    }
+    lors_rp_node *parent = node->parent;
+    int done = node == start;
+    lors_rp_LinkToParent(node, NULL);
+    lors_rp_delete(allocator, node);
+    count++;
+    if (done) return count;
+    node = parent;
   }
-  lors_rp_LinkToParent(node, NULL);
-  lors_rp_delete(allocator, node);
-  return count + 1;
 }
 
-int32_t lors_rp_TreeWalk(lors_rp_node *node, lors_rp_walk *walk) {
-  if (node == NULL || walk == NULL) return 0;
-  uint32_t path_len = walk->path.len;
-  int32_t rc = 0;
-
+/* Enters one key of a walk: appends its name to the path and reports it.
+ * Returns a negative callback result that ends the walk, or 0; *entered
+ * tells whether the name was appended (the key is inside path_max), and
+ * *descend whether its children are to be walked. */
+static int32_t _lors_rp_walk_enter(lors_rp_node *node, lors_rp_walk *walk, int32_t level,
+                                   int *entered, int *descend) {
+  *entered = 1;
+  *descend = 1;
   if (walk->path.ptr != NULL) {
-    if ((uint64_t)path_len + node->name.len > walk->path_max) {
-      LOREG_LOG(LOREG_LVL_WARN, LOREG_MOD_SERVER, "%s(): sorry, path exceeded %u chars. skipping.\n",
-                __func__, (unsigned)walk->path_max);
-      walk->path.len = path_len;
+    if ((uint64_t)walk->path.len + node->name.len > walk->path_max) {
+      LOREG_LOG(LOREG_LVL_WARN, LOREG_MOD_SERVER,
+                "%s(): sorry, path exceeded %u chars. skipping.\n", "lors_rp_TreeWalk",
+                (unsigned)walk->path_max);
+      *entered = 0;
+      *descend = 0;
       return 0;
     }
     lstr_append(&walk->path, &node->name);
   }
+  if (!lors_rp_selects(walk->mask, node->flags)) return 0;
+  walk->visited++;
+  if (walk->callback == NULL) return 0;
+  /* The walk owns path.len and level: what a callback does to them is
+   * undone, so that the names can be taken off again on the way up. */
+  uint32_t path_len = walk->path.len;
+  walk->level = level;
+  int32_t rc = walk->callback(node, walk);
+  walk->path.len = path_len;
+  walk->level = level;
+  if (rc > 0) *descend = 0;
+  return rc < 0 ? rc : 0;
+}
 
-  if (lors_rp_selects(walk->mask, node->flags)) {
-    walk->visited++;
-    if (walk->callback != NULL) {
-      rc = walk->callback(node, walk);
-      if (rc != 0) {
-        walk->path.len = path_len;
-        return rc > 0 ? 0 : rc;
-      }
+/* Leaves a key of a walk, and each ancestor whose last child it was,
+ * taking their names off the path, and returns the next sibling found on
+ * the way up, or null once start is left. appended tells whether the key's
+ * own name is on the path; every ancestor's is, since only keys that were
+ * entered have their children walked. */
+static lors_rp_node *_lors_rp_walk_leave(const lors_rp_node *start, lors_rp_node *node,
+                                         lors_rp_walk *walk, int appended, int32_t *level) {
+  for (;;) {
+    if (appended && walk->path.ptr != NULL) walk->path.len -= node->name.len;
+    if (node == start) return NULL;
+    lors_rp_node *next = TAILQ_NEXT(node, link);
+    if (next != NULL) return next;
+    node = node->parent;
+    (*level)--;
+    appended = 1;
+  }
+}
+
+int32_t lors_rp_TreeWalk(lors_rp_node *node, lors_rp_walk *walk) {
+  if (node == NULL || walk == NULL) return 0;
+  const lors_rp_node *start = node;
+  const uint32_t start_len = walk->path.len;
+  const int32_t start_level = walk->level;
+  int32_t level = start_level;
+  int32_t rc = 0;
+
+  while (node != NULL) {
+    int entered, descend;
+    rc = _lors_rp_walk_enter(node, walk, level, &entered, &descend);
+    if (rc < 0) break;
+    lors_rp_node *child = descend ? TAILQ_FIRST(&node->children) : NULL;
+    if (child != NULL) {
+      level++;
+      node = child;
+    } else {
+      node = _lors_rp_walk_leave(start, node, walk, entered, &level);
     }
   }
-
-  walk->level++;
-  lors_rp_node *child;
-  TAILQ_FOREACH(child, &node->children, link) {
-    rc = lors_rp_TreeWalk(child, walk);
-    if (rc < 0) break;
-  }
-  walk->level--;
-
-  walk->path.len = path_len;
+  walk->path.len = start_len;
+  walk->level = start_level;
   return rc;
 }

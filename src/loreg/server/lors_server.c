@@ -11,6 +11,7 @@
 #include "loreg/lors_import.h"
 #include "loreg/lors_tas.h"
 #include "platform/csp_thread.h"
+#include "server/lors_private.h"
 
 lors_ctx *g_loregServerHandle = NULL;
 
@@ -23,13 +24,6 @@ lors_ctx *g_loregServerHandle = NULL;
 
 /* The init line names the default root whatever the real one is. */
 #define LORS_INIT_SUCCESS_ROOT "/com/norvi"
-
-/* Lines in the "file:line:function" form carry the source file's base
- * name, not the path the build passed in __FILE__. */
-static const char *_lors_basename(const char *path) {
-  const char *slash = strrchr(path, '/');
-  return slash != NULL ? slash + 1 : path;
-}
 
 /* magic and stop are the only words that cross threads: shutdown writes
  * them on the caller's thread while "lorsmain" may be reading them. */

@@ -18,14 +18,10 @@
 #include "loreg/lors.h"
 #include "loreg/lors_broadcast.h"
 #include "loreg/lors_commit.h"
+#include "server/lors_private.h"
 
 /* Name printed by the start handler's timer failure line. */
 static const char _lors_tas_start_name[] = "lors_onTransactionStart";
-
-static void _lors_tas_ms_to_time(uint32_t ms, _cspOsalTime_struct *time) {
-  time->sec = (int64_t)(ms / 1000u);
-  time->usec = (int32_t)((ms % 1000u) * 1000u);
-}
 
 /* Cuts both links between the transaction and its key, and the key's lock
  * flag with them. */
@@ -129,7 +125,7 @@ int lors_tas_tryActivate(lors_ctx *server, lors_tas *tas) {
     /* The duration timer reuses the waiting timer if there is one, so a
      * waiter that starts needs no allocation here. */
     _cspOsalTime_struct duration;
-    _lors_tas_ms_to_time(tas->request.arg1, &duration);
+    _lors_ms_to_time(tas->request.arg1, &duration);
     int timer = lors_timer_set(server, &tas->timer, &duration, NULL);
     if (timer < 0) rc = timer;
   }
@@ -319,7 +315,7 @@ int lors_tas_onStart(lors_ctx *server, loreg_msg *msg, const lmq_rx_info *info) 
   }
   if (rc == -13 && msg->header.arg0 != 0) {
     _cspOsalTime_struct wait;
-    _lors_tas_ms_to_time(msg->header.arg0, &wait);
+    _lors_ms_to_time(msg->header.arg0, &wait);
     int timer = lors_timer_set(server, &tas->timer, &wait, NULL);
     if (timer > 0) return 0; /* the reply comes when it starts or times out */
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_SERVER, "%s(reqid=%d) path='%s' failed setting up timer for %u ms\n",
