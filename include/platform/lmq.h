@@ -54,6 +54,29 @@
  *
  * Time. Receive timeouts run on the platform's uptime clock, so the clock's
  * test hook (cspOsalTestAdvanceUptime) ends them without real waiting.
+ *
+ * The bus. Message servers of different processes can be joined over a
+ * Unix domain socket: one server listens (the hub, lmqServerListen), the
+ * others connect to it (peers, lmqServerConnect). Hosts, subscribers and
+ * clients of all of them then meet as on one server: commands reach every
+ * host on every node, replies reach the client a kept address names,
+ * notifications reach every subscriber, and the system messages above
+ * pair hosts and subscribers across nodes too. Node numbers are unique
+ * across the processes of a bus (they hold the process id), and the hub
+ * gives the service ids of the whole bus. Differences to one server:
+ *   - A message for another node reaches its queue later, on that node's
+ *     bus thread. Its send returns 0 once the bus took it; a queue there
+ *     without room drops it, with a log line on that node.
+ *   - A message that the connection to its node cannot take at once gets
+ *     -105, as a full queue does (no sender ever waits for a socket); a
+ *     command or reply whose node's connection broke gets -113.
+ *   - Membership changes travel through the hub; lmqServerBusSync tells
+ *     when a server has caught up with the hub.
+ *   - When a process leaves the bus (its socket closes), its clients,
+ *     hosts and subscriptions are gone for every other node: commands to
+ *     a service it alone hosted, and replies to its clients, give -113.
+ * lmq logs what goes wrong on the bus on channel 0x6C: a peer that sends a
+ * broken frame is disconnected, the others go on.
  */
 #ifndef PLATFORM_LMQ_H
 #define PLATFORM_LMQ_H
@@ -137,6 +160,20 @@ typedef struct lmq_client {
   } u;
 } lmq_client;
 
+/* Roles on a bus, for lmq_bus_status. */
+#define LMQ_BUS_NONE 0u
+#define LMQ_BUS_HUB 1u
+#define LMQ_BUS_PEER 2u
+
+/* Filled by lmqServerBusStatus. */
+typedef struct lmq_bus_status {
+  uint32_t role;     /* LMQ_BUS_NONE, LMQ_BUS_HUB or LMQ_BUS_PEER */
+  uint32_t node;     /* this server's node number */
+  uint32_t hub_node; /* the hub's node (a hub: its own); 0 when a peer's
+                        hub is gone */
+  uint32_t peers;    /* a hub: peers connected; a peer: 1 while connected */
+} lmq_bus_status;
+
 /* Called by lmqCXHandleSystemMessage for a decoded system message. */
 typedef void (*lmq_sysmsg_cb)(void *context, uint32_t type, uint32_t subtype, int16_t service_id);
 typedef struct lmq_sysmsg_pair {
@@ -151,8 +188,10 @@ typedef struct lmq_sysmsg_pair {
  * clock's listener table is full). */
 CSP_EXPORT int lmqServerCreate(lmq_server **server);
 
-/* Destroys a server. Clients still attached are detached first (their
- * queues keep what they hold). Returns 0 or -22. */
+/* Destroys a server. Its bus side is closed first (see lmqServerBusClose),
+ * then clients still attached are detached (their queues keep what they
+ * hold). No other call on the server may run meanwhile. Returns 0 or
+ * -22. */
 CSP_EXPORT int lmqServerDestroy(lmq_server *server);
 
 /* Attaches an initialised client, which gets a client number that this
@@ -164,18 +203,88 @@ CSP_EXPORT int lmqServerAddClient(lmq_server *server, lmq_client *client);
  * address unreachable. Returns 0, -22, -2. */
 CSP_EXPORT int lmqServerRemoveClient(lmq_server *server, lmq_client *client);
 
+/* --- Bus ------------------------------------------------------------ */
+
+/*
+ * Makes the server the hub of a bus: it listens on a Unix socket file at
+ * path, which is created with the permission bits mode (0 means 0600,
+ * only the owner may connect; e.g. 0660 lets the group in). A socket file
+ * left at path by a process that is gone (nobody accepts on it) is
+ * removed and made anew; a live one is never taken, nor is a file of
+ * another kind. Starts the server's bus thread ("lmqbus"); the socket
+ * file is removed again by lmqServerBusClose or lmqServerDestroy.
+ * Services registered before stay with their ids. Returns 0, -22 (null
+ * server or path, empty path, mode beyond 0777), -36 (path too long for a
+ * socket address), -114 (the server is on a bus already), -98 (a live
+ * socket or another file at path), -12, or the -errno of socket, bind,
+ * chmod or listen (e.g. -2, -13 for the directory).
+ */
+CSP_EXPORT int lmqServerListen(lmq_server *server, const char *path, uint32_t mode);
+
+/*
+ * Makes the server a peer of the bus whose hub listens at path and waits,
+ * at most *timeout (relative, real time; null waits for ever), until the
+ * hub has welcomed it and told it every client on the bus. The server's
+ * clients that are attached already join the bus with it. It must not
+ * have any service registered (their ids would be its own, not the bus's);
+ * from now on each new name's id comes from the hub, so every node of the
+ * bus agrees on it. Starts the bus thread. When the hub goes away later
+ * the server goes on alone (lmqServerBusStatus shows it), with the ids it
+ * has; it gives new ids itself then.
+ * Returns 0, -22 (null server or path, empty path), -36 (path too long),
+ * -114 (on a bus already), -16 (services registered), -2 (no socket at
+ * path), -111 (nobody listens there), -13, -110 (the hub did not answer
+ * in time), -17 (the hub refused: a server with this node number is on
+ * the bus), -71 (the hub speaks another protocol version), -103 (the hub
+ * closed the connection), -12.
+ */
+CSP_EXPORT int lmqServerConnect(lmq_server *server, const char *path,
+                                const _cspOsalTime_struct *timeout);
+
+/*
+ * Waits, at most *timeout (relative, real time; null: for ever), until
+ * the other side of each of the server's bus connections has handled
+ * every frame the server sent before the call, and the server has handled
+ * every frame those sides sent before their answer. So after
+ *   lmqServerBusSync(a); lmqServerBusSync(b);
+ * on two peers a and b, b knows of every membership change that a made
+ * before. A hub waits for each peer connected. Returns 0, -22, -107 (not
+ * on a bus, or a peer whose hub is gone), -103 (a peer's hub went away
+ * meanwhile), -110.
+ */
+CSP_EXPORT int lmqServerBusSync(lmq_server *server, const _cspOsalTime_struct *timeout);
+
+/*
+ * Closes the server's bus side: ends the bus thread and the connections,
+ * and forgets all clients of other nodes with their hosting and
+ * subscriptions. A hub removes its socket file (if it is still the one it
+ * made), and its peers go on alone; the other nodes forget a peer that
+ * closes. Local clients and services stay. It first waits for a
+ * lmqServerConnect, lmqServerBusSync or registration round trip of this
+ * server that runs on another thread. Returns 0, -22, -107 (not on a
+ * bus).
+ */
+CSP_EXPORT int lmqServerBusClose(lmq_server *server);
+
+/* Describes the server's place on a bus. Returns 0 or -22. */
+CSP_EXPORT int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status);
+
 /* --- Services -------------------------------------------------------- */
 
 /* Gives the id of the service named by name_size bytes (a trailing zero
  * included or not: the name ends at the first zero byte). The same name
- * gets the same id; each call counts a reference. Returns 0 and *id, or
- * -22 (null, empty or longer than LMQ_SERVICE_NAME_MAX), -12 (no memory,
- * or all 32767 ids in use). Ids are positive. */
+ * gets the same id; each call counts a reference. On a peer of a bus the
+ * first reference of a name asks the hub (a round trip of at most a few
+ * seconds), so the name has the same id on every node. Returns 0 and *id,
+ * or -22 (null, empty or longer than LMQ_SERVICE_NAME_MAX), -12 (no
+ * memory, or all 32767 ids in use), -110 (a peer's hub did not answer).
+ * Ids are positive. */
 CSP_EXPORT int lmqRegisterPlainId(lmq_server *server, const char *name, uint32_t name_size,
                                   int16_t *id);
 
 /* Drops one reference of a service id; the last one frees the name and its
- * hosts and subscribers. Returns 0, -22, -2. */
+ * hosts and subscribers on this server (on a bus the name lives on while
+ * another node holds it). Returns 0, -22, -2. */
 CSP_EXPORT int lmqUnRegisterPlainId(lmq_server *server, int16_t id);
 
 /* Makes the attached client a host / subscriber of a service. flags must
@@ -212,21 +321,24 @@ CSP_EXPORT int lmqClientAddress(const lmq_client *client, lmq_address *address);
  * counts one in the sender's sequence, which the receiver sees in the
  * reply address. */
 
-/* To every host of the service. If some host's queue refuses the message,
- * the others still get it and the first error is returned. flags must be
- * 0. Returns 0, -22, -2, -90, -105, -113. */
+/* To every host of the service, on every node of the bus. If some host's
+ * queue (or the connection to its node) refuses the message, the others
+ * still get it and the first error is returned. flags must be 0. Returns
+ * 0, -22, -2, -90, -105, -113 (no host anywhere, or the connection to the
+ * node of a host broke). */
 CSP_EXPORT int lmqCXSendCommand(lmq_client *client, int16_t service_id, const lmq_iovec *vector,
                                 uint32_t count, uint32_t flags);
 
-/* To the one client that the address names. The receiver's reply address
- * names the sender, with the service id taken from the address used.
- * An address of another node or of a client that is no longer attached
- * gives -113. Returns 0, -22, -2, -90, -105, -113. */
+/* To the one client that the address names, on this or another node of
+ * the bus. The receiver's reply address names the sender, with the
+ * service id taken from the address used. An address of a client that is
+ * no longer attached, or of a node that is not on the bus, gives -113.
+ * Returns 0, -22, -2, -90, -105, -113. */
 CSP_EXPORT int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *vector,
                           uint32_t count, uint32_t flags);
 
-/* To every subscriber of the service (none is not an error). Returns as
- * lmqCXSendCommand, without -113. */
+/* To every subscriber of the service on every node (none is not an
+ * error). Returns as lmqCXSendCommand, without -113. */
 CSP_EXPORT int lmqCXNotify(lmq_client *client, int16_t service_id, const lmq_iovec *vector,
                            uint32_t count, uint32_t flags);
 

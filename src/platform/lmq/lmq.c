@@ -1,5 +1,5 @@
 /*
- * lmq: the in-process message server.
+ * lmq: the message server.
  *
  * A server keeps two hash tables: its attached clients by client number
  * and its services by id, each service with a list of hosts and a list of
@@ -10,9 +10,11 @@
  * Locking. server->mutex guards the server's tables and the attachment of
  * its clients (their number and server fields change only with it held).
  * client->mutex guards that client's queue, its waiting flag and its
- * wake-up counter. Lock order: server mutex, then one client mutex; a
- * thread never holds two client mutexes, and never takes the server mutex
- * while holding a client mutex.
+ * wake-up counter. Lock order: server->bus_mutex (registration and the
+ * bus calls only), then server mutex, then one client mutex; a thread
+ * never holds two client mutexes, and never takes the server mutex while
+ * holding a client mutex. The bus adds its own locks below the server
+ * mutex (lmq_bus.c).
  *
  * Every delivery to another client happens with the server mutex held:
  * a client can only be released after lmqServerRemoveClient, which needs
@@ -28,6 +30,13 @@
  * Addresses carry no pointers: a node number (one per server), a client
  * number (per server, never reused) and a service id, so that a reply
  * address may be kept and used later, or travel to another process.
+ *
+ * The bus. A server may join message servers of other processes over a
+ * Unix socket (lmq_bus.c). Without a bus nothing of it runs: the send
+ * paths only test the counts of a service's remote members, which stay 0,
+ * and the address's node. With one, routing hands what concerns other
+ * nodes to the bus, under the same server mutex, so that local and
+ * remote deliveries of one send are ordered alike for every sender.
  */
 #include "platform/lmq.h"
 
@@ -36,14 +45,15 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
+#include "lmq/lmq_bus.h"
 #include "lmq/lmq_debug.h"
+#include "lmq/lmq_internal.h"
 #include "lmq/lmq_queue.h"
 
-#define LMQ_SERVER_MAGIC 0x4C4D5153u /* "LMQS" */
 #define LMQ_CLIENT_MAGIC 0x4C4D5143u /* "LMQC" */
 
-#define LMQ_BUCKETS 64u
 #define LMQ_MIN_QUEUE_SIZE 64u
 #define LMQ_SERVICE_ID_MAX 0x7FFF
 
@@ -56,50 +66,6 @@
 #define LMQ_WAIT_SLICE_SEC 3600
 #define LMQ_TIMEOUT_MAX_SEC 1000000000000LL
 
-typedef struct _lmq_client_rec _lmq_client_rec;
-
-/* Growable list of clients: the hosts or the subscribers of a service. */
-typedef struct _lmq_members {
-  _lmq_client_rec **items;
-  uint32_t count;
-  uint32_t capacity;
-} _lmq_members;
-
-typedef struct _lmq_service {
-  struct _lmq_service *next; /* bucket chain */
-  int16_t id;
-  uint32_t refs;             /* lmqRegisterPlainId calls not yet undone */
-  _lmq_members hosts;
-  _lmq_members subscribers;
-  char name[LMQ_SERVICE_NAME_MAX + 1];
-} _lmq_service;
-
-/* The private record inside an lmq_client's opaque bytes. */
-struct _lmq_client_rec {
-  uint32_t magic;
-  uint32_t number;        /* client number while attached, else 0 (atomic) */
-  lmq_server *server;     /* attached server or null (atomic) */
-  _lmq_client_rec *next;  /* server's bucket chain, server mutex */
-  uint32_t sequence;      /* messages sent through this client (atomic) */
-  uint32_t received;      /* messages taken; receiving thread only */
-  uint32_t waiting;       /* receiver blocked on cond; client mutex */
-  uint32_t wakeups;       /* uptime clock moves seen; client mutex */
-  lmq_queue queue;        /* client mutex */
-  pthread_mutex_t mutex;
-  pthread_cond_t cond;    /* on CLOCK_MONOTONIC */
-};
-
-struct lmq_server {
-  uint32_t magic;
-  uint32_t node;
-  pthread_mutex_t mutex;
-  uint32_t last_client;   /* last client number given */
-  int16_t last_service;   /* last service id given */
-  uint32_t service_count;
-  _lmq_client_rec *clients[LMQ_BUCKETS];
-  _lmq_service *services[LMQ_BUCKETS];
-};
-
 _Static_assert(sizeof(_lmq_client_rec) <= LMQ_CLIENT_BYTES, "client record exceeds lmq_client");
 _Static_assert(_Alignof(_lmq_client_rec) <= _Alignof(lmq_client),
                "client record needs more alignment than lmq_client gives");
@@ -108,7 +74,19 @@ _Static_assert(sizeof(lmq_rx_info) == 32, "rx info must be 8 words");
 _Static_assert(sizeof(lmq_msg_header) == LMQ_HEADER_SIZE, "header must be 28 bytes");
 _Static_assert(LMQ_QUEUE_RECORD_SIZE == LMQ_QUEUE_ENTRY_OVERHEAD, "queue entry record size");
 
-/* Node numbers tell the servers of a process apart. */
+/*
+ * Node numbers tell message servers apart, also those of different
+ * processes on one bus: the process id in the high 22 bits (Linux pids
+ * stay below 2^22) and a count of the process's servers in the low 10.
+ * Each process can thus number its servers alone, before it ever meets a
+ * bus, and every address handed out stays valid when it connects. The
+ * count wraps after 1023 servers of one process; two servers of a bus
+ * that still collide (or a pid reused while its old node is still known)
+ * are caught by the hub, which refuses the second.
+ */
+#define LMQ_NODE_COUNT_BITS 10u
+#define LMQ_NODE_COUNT_MASK ((1u << LMQ_NODE_COUNT_BITS) - 1u)
+#define LMQ_NODE_PID_MASK 0x3FFFFFu
 static uint32_t g_lmq_last_node;
 
 /* --- Small helpers --------------------------------------------------- */
@@ -167,9 +145,18 @@ static uint32_t _lmq_next_sequence(_lmq_client_rec *rec) {
   return __atomic_add_fetch(&rec->sequence, 1u, __ATOMIC_RELAXED);
 }
 
+static uint32_t _lmq_new_node(void) {
+  uint32_t count;
+
+  do {
+    count = __atomic_add_fetch(&g_lmq_last_node, 1u, __ATOMIC_RELAXED) & LMQ_NODE_COUNT_MASK;
+  } while (count == 0);
+  return (((uint32_t)getpid() & LMQ_NODE_PID_MASK) << LMQ_NODE_COUNT_BITS) | count;
+}
+
 /* --- Member lists ---------------------------------------------------- */
 
-static int _lmq_members_find(const _lmq_members *members, const _lmq_client_rec *rec) {
+int lmq_members_find(const _lmq_members *members, const _lmq_client_rec *rec) {
   uint32_t i;
 
   for (i = 0; i < members->count; i++) {
@@ -190,7 +177,7 @@ static int _lmq_members_add(_lmq_members *members, _lmq_client_rec *rec) {
   return 0;
 }
 
-static void _lmq_members_free(_lmq_members *members) {
+void lmq_members_free(_lmq_members *members) {
   free(members->items);
   members->items = NULL;
   members->count = 0;
@@ -200,13 +187,13 @@ static void _lmq_members_free(_lmq_members *members) {
 /* Removes the client from the list; the order of the others is kept. An
  * emptied list gives its memory back. Returns 0, or -2 if absent. */
 static int _lmq_members_remove(_lmq_members *members, const _lmq_client_rec *rec) {
-  int index = _lmq_members_find(members, rec);
+  int index = lmq_members_find(members, rec);
 
   if (index < 0) return -ENOENT;
   memmove(&members->items[index], &members->items[index + 1],
           (members->count - (uint32_t)index - 1u) * sizeof(members->items[0]));
   members->count--;
-  if (members->count == 0) _lmq_members_free(members);
+  if (members->count == 0) lmq_members_free(members);
   return 0;
 }
 
@@ -216,7 +203,7 @@ static _lmq_service **_lmq_service_bucket(lmq_server *server, int16_t id) {
   return &server->services[(uint16_t)id % LMQ_BUCKETS];
 }
 
-static _lmq_service *_lmq_service_find_nolock(lmq_server *server, int16_t id) {
+_lmq_service *lmq_service_lookup_nolock(lmq_server *server, int16_t id) {
   _lmq_service *service;
 
   for (service = *_lmq_service_bucket(server, id); service != NULL; service = service->next) {
@@ -225,8 +212,15 @@ static _lmq_service *_lmq_service_find_nolock(lmq_server *server, int16_t id) {
   return NULL;
 }
 
-static _lmq_service *_lmq_service_find_name_nolock(lmq_server *server, const char *name,
-                                                   size_t len) {
+/* The service as this server's clients see it: registered here. A record
+ * that a hub keeps only for its peers is not. */
+static _lmq_service *_lmq_service_find_nolock(lmq_server *server, int16_t id) {
+  _lmq_service *service = lmq_service_lookup_nolock(server, id);
+
+  return service != NULL && service->refs > 0 ? service : NULL;
+}
+
+_lmq_service *lmq_service_find_name_nolock(lmq_server *server, const char *name, size_t len) {
   uint32_t b;
   _lmq_service *service;
 
@@ -238,15 +232,15 @@ static _lmq_service *_lmq_service_find_name_nolock(lmq_server *server, const cha
   return NULL;
 }
 
-/* Unlinks the service from its bucket and frees it with its lists. */
-static void _lmq_service_delete_nolock(lmq_server *server, _lmq_service *service) {
+void lmq_service_delete_nolock(lmq_server *server, _lmq_service *service) {
   _lmq_service **link = _lmq_service_bucket(server, service->id);
 
   while (*link != service) link = &(*link)->next;
   *link = service->next;
   server->service_count--;
-  _lmq_members_free(&service->hosts);
-  _lmq_members_free(&service->subscribers);
+  lmq_members_free(&service->hosts);
+  lmq_members_free(&service->subscribers);
+  lmq_bus_service_free(&service->bus);
   free(service);
 }
 
@@ -257,16 +251,33 @@ static int16_t _lmq_service_new_id_nolock(lmq_server *server) {
 
   do {
     id = id >= LMQ_SERVICE_ID_MAX ? 1 : (int16_t)(id + 1);
-  } while (_lmq_service_find_nolock(server, id) != NULL);
+  } while (lmq_service_lookup_nolock(server, id) != NULL);
   server->last_service = id;
   return id;
+}
+
+_lmq_service *lmq_service_create_nolock(lmq_server *server, const char *name, size_t len,
+                                        int16_t id) {
+  _lmq_service *service;
+  _lmq_service **bucket;
+
+  if (server->service_count >= LMQ_SERVICE_ID_MAX) return NULL;
+  service = calloc(1, sizeof(*service));
+  if (service == NULL) return NULL;
+  memcpy(service->name, name, len);
+  service->id = id != 0 ? id : _lmq_service_new_id_nolock(server);
+  bucket = _lmq_service_bucket(server, service->id);
+  service->next = *bucket;
+  *bucket = service;
+  server->service_count++;
+  return service;
 }
 
 static _lmq_client_rec **_lmq_client_bucket(lmq_server *server, uint32_t number) {
   return &server->clients[number % LMQ_BUCKETS];
 }
 
-static _lmq_client_rec *_lmq_client_find_nolock(lmq_server *server, uint32_t number) {
+_lmq_client_rec *lmq_client_find_nolock(lmq_server *server, uint32_t number) {
   _lmq_client_rec *rec;
 
   if (number == 0) return NULL;
@@ -306,9 +317,8 @@ static void _lmq_client_detach_nolock(lmq_server *server, _lmq_client_rec *rec) 
  * file), or, with signal_locked, is done under the target's mutex for a
  * client that need not be attached. Returns 0, -90 or -105.
  */
-static int _lmq_deliver(_lmq_client_rec *target, const lmq_address *reply,
-                        const lmq_iovec *vector, uint32_t count, uint32_t size,
-                        int signal_locked) {
+int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iovec *vector,
+                uint32_t count, uint32_t size, int signal_locked) {
   int rc;
   int wake;
 
@@ -321,12 +331,12 @@ static int _lmq_deliver(_lmq_client_rec *target, const lmq_address *reply,
   return rc;
 }
 
-/* Queues a system message for target about peer, the other client of a
- * new host-subscriber pair. A queue without room drops it, which is
- * logged: it never makes the caller's operation fail. */
-static void _lmq_send_sysmsg_nolock(lmq_server *server, _lmq_client_rec *target,
-                                    const _lmq_client_rec *peer, uint32_t type,
-                                    int16_t service_id, const char *caller) {
+/* Queues a system message for target about the other client of a new
+ * host-subscriber pair, the client peer_client of node peer_node. A queue
+ * without room drops it, which is logged: it never makes the caller's
+ * operation fail. */
+void lmq_send_sysmsg_nolock(_lmq_client_rec *target, uint32_t peer_node, uint32_t peer_client,
+                            uint32_t type, int16_t service_id, const char *caller) {
   unsigned char bytes[LMQ_SYSMSG_SIZE];
   lmq_msg_header header;
   lmq_address reply;
@@ -343,10 +353,10 @@ static void _lmq_send_sysmsg_nolock(lmq_server *server, _lmq_client_rec *target,
   (void)lmqMessageHeaderToProtocol(bytes, &header);
   _lmq_put16(bytes + LMQ_HEADER_SIZE, (uint16_t)service_id);
 
-  _lmq_make_address(&reply, server->node, peer->number, service_id, LMQ_KIND_SYSTEM, 0);
+  _lmq_make_address(&reply, peer_node, peer_client, service_id, LMQ_KIND_SYSTEM, 0);
   entry.base = bytes;
   entry.len = LMQ_SYSMSG_SIZE;
-  rc = _lmq_deliver(target, &reply, &entry, 1, LMQ_SYSMSG_SIZE, 0);
+  rc = lmq_deliver(target, &reply, &entry, 1, LMQ_SYSMSG_SIZE, 0);
   if (rc < 0) {
     LMQ_LOG(LMQ_LVL_FAIL,
             "%s(): system message 0x%08x for service %d dropped, client %u cannot take it "
@@ -401,7 +411,7 @@ static int _lmq_deliver_all_nolock(const _lmq_members *members, const lmq_addres
   uint32_t i;
 
   for (i = 0; i < members->count; i++) {
-    int rc = _lmq_deliver(members->items[i], reply, vector, count, size, 0);
+    int rc = lmq_deliver(members->items[i], reply, vector, count, size, 0);
     if (rc < 0 && first == 0) first = rc;
   }
   return first;
@@ -415,6 +425,7 @@ static int _lmq_send_to_service(lmq_client *client, int16_t service_id, const lm
   lmq_server *server;
   _lmq_service *service;
   const _lmq_members *members;
+  const lmq_bus_members *remote;
   lmq_address reply;
   uint32_t size;
   int rc;
@@ -429,12 +440,17 @@ static int _lmq_send_to_service(lmq_client *client, int16_t service_id, const lm
     rc = -ENOENT;
   } else {
     members = kind == LMQ_KIND_COMMAND ? &service->hosts : &service->subscribers;
-    if (kind == LMQ_KIND_COMMAND && members->count == 0) {
+    remote = kind == LMQ_KIND_COMMAND ? &service->bus.hosts : &service->bus.subscribers;
+    if (kind == LMQ_KIND_COMMAND && members->count == 0 && remote->count == 0) {
       rc = -EHOSTUNREACH;
     } else {
       _lmq_make_address(&reply, server->node, rec->number, service_id, kind,
                         _lmq_next_sequence(rec));
       rc = _lmq_deliver_all_nolock(members, &reply, vector, count, size);
+      if (remote->count > 0) {
+        int bus_rc = lmq_bus_send_nolock(server, service, &reply, vector, count, size);
+        if (rc == 0) rc = bus_rc;
+      }
     }
   }
   pthread_mutex_unlock(&server->mutex);
@@ -460,6 +476,7 @@ static void _lmq_uptime_moved(void *context) {
       pthread_mutex_unlock(&rec->mutex);
     }
   }
+  if (server->bus != NULL) lmq_bus_clock_moved_nolock(server);
   pthread_mutex_unlock(&server->mutex);
 }
 
@@ -477,12 +494,19 @@ int lmqServerCreate(lmq_server **server) {
     free(created);
     return -rc;
   }
-  created->node = __atomic_add_fetch(&g_lmq_last_node, 1u, __ATOMIC_RELAXED);
+  rc = pthread_mutex_init(&created->bus_mutex, NULL);
+  if (rc != 0) {
+    pthread_mutex_destroy(&created->mutex);
+    free(created);
+    return -rc;
+  }
+  created->node = _lmq_new_node();
   created->magic = LMQ_SERVER_MAGIC;
   rc = cspOsalUptimeListenerAdd(_lmq_uptime_moved, created);
   if (rc < 0) {
     LMQ_LOG(LMQ_LVL_FAIL, "%s(): cspOsalUptimeListenerAdd failed (code %d)\n", __func__, rc);
     created->magic = 0;
+    pthread_mutex_destroy(&created->bus_mutex);
     pthread_mutex_destroy(&created->mutex);
     free(created);
     return rc;
@@ -497,6 +521,10 @@ int lmqServerDestroy(lmq_server *server) {
   if (!_lmq_server_valid(server)) return -EINVAL;
   /* Before locking: csp may run the listener with its own lock held. */
   (void)cspOsalUptimeListenerRemove(_lmq_uptime_moved, server);
+  /* The bus thread takes the server mutex: end it before locking. */
+  pthread_mutex_lock(&server->bus_mutex);
+  (void)lmq_bus_shutdown(server);
+  pthread_mutex_unlock(&server->bus_mutex);
 
   pthread_mutex_lock(&server->mutex);
   server->magic = 0;
@@ -504,9 +532,10 @@ int lmqServerDestroy(lmq_server *server) {
     while (server->clients[b] != NULL) _lmq_client_detach_nolock(server, server->clients[b]);
   }
   for (b = 0; b < LMQ_BUCKETS; b++) {
-    while (server->services[b] != NULL) _lmq_service_delete_nolock(server, server->services[b]);
+    while (server->services[b] != NULL) lmq_service_delete_nolock(server, server->services[b]);
   }
   pthread_mutex_unlock(&server->mutex);
+  pthread_mutex_destroy(&server->bus_mutex);
   pthread_mutex_destroy(&server->mutex);
   free(server);
   return 0;
@@ -530,6 +559,7 @@ int lmqServerAddClient(lmq_server *server, lmq_client *client) {
   *bucket = rec;
   __atomic_store_n(&rec->number, number, __ATOMIC_RELAXED);
   __atomic_store_n(&rec->server, server, __ATOMIC_RELEASE);
+  if (server->bus != NULL) lmq_bus_client_added_nolock(server, number);
   pthread_mutex_unlock(&server->mutex);
   return 0;
 }
@@ -543,7 +573,9 @@ int lmqServerRemoveClient(lmq_server *server, lmq_client *client) {
   if (rec->server != server) {
     rc = -ENOENT;
   } else {
+    uint32_t number = rec->number;
     _lmq_client_detach_nolock(server, rec);
+    if (server->bus != NULL) lmq_bus_client_removed_nolock(server, number);
   }
   pthread_mutex_unlock(&server->mutex);
   return rc;
@@ -560,25 +592,25 @@ int lmqRegisterPlainId(lmq_server *server, const char *name, uint32_t name_size,
   len = strnlen(name, name_size);
   if (len == 0 || len > LMQ_SERVICE_NAME_MAX) return -EINVAL;
 
+  pthread_mutex_lock(&server->bus_mutex);
   pthread_mutex_lock(&server->mutex);
-  service = _lmq_service_find_name_nolock(server, name, len);
-  if (service != NULL) {
-    service->refs++;
-  } else if (server->service_count >= LMQ_SERVICE_ID_MAX ||
-             (service = calloc(1, sizeof(*service))) == NULL) {
+  service = lmq_service_find_name_nolock(server, name, len);
+  if (service == NULL && server->bus != NULL && lmq_bus_asks_hub_nolock(server)) {
+    /* A new name on a connected peer: the hub gives its id. */
+    pthread_mutex_unlock(&server->mutex);
+    rc = lmq_bus_register(server, name, len, id);
+    pthread_mutex_unlock(&server->bus_mutex);
+    return rc;
+  }
+  if (service == NULL) service = lmq_service_create_nolock(server, name, len, 0);
+  if (service == NULL) {
     rc = -ENOMEM;
   } else {
-    _lmq_service **bucket;
-    memcpy(service->name, name, len);
-    service->refs = 1;
-    service->id = _lmq_service_new_id_nolock(server);
-    bucket = _lmq_service_bucket(server, service->id);
-    service->next = *bucket;
-    *bucket = service;
-    server->service_count++;
+    service->refs++;
+    *id = service->id;
   }
-  if (rc == 0) *id = service->id;
   pthread_mutex_unlock(&server->mutex);
+  pthread_mutex_unlock(&server->bus_mutex);
   return rc;
 }
 
@@ -587,14 +619,18 @@ int lmqUnRegisterPlainId(lmq_server *server, int16_t id) {
   int rc = 0;
 
   if (!_lmq_server_valid(server)) return -EINVAL;
+  pthread_mutex_lock(&server->bus_mutex);
   pthread_mutex_lock(&server->mutex);
   service = _lmq_service_find_nolock(server, id);
   if (service == NULL) {
     rc = -ENOENT;
   } else if (--service->refs == 0) {
-    _lmq_service_delete_nolock(server, service);
+    if (server->bus == NULL || lmq_bus_service_unused_nolock(server, service)) {
+      lmq_service_delete_nolock(server, service);
+    }
   }
   pthread_mutex_unlock(&server->mutex);
+  pthread_mutex_unlock(&server->bus_mutex);
   return rc;
 }
 
@@ -625,7 +661,7 @@ static int _lmq_join_service(lmq_client *client, int16_t id, uint32_t flags, int
   }
   own = as_host ? &service->hosts : &service->subscribers;
   peers = as_host ? &service->subscribers : &service->hosts;
-  if (_lmq_members_find(own, rec) >= 0) {
+  if (lmq_members_find(own, rec) >= 0) {
     rc = -EEXIST;
     goto out;
   }
@@ -637,9 +673,12 @@ static int _lmq_join_service(lmq_client *client, int16_t id, uint32_t flags, int
     _lmq_client_rec *host = as_host ? rec : peer;
     _lmq_client_rec *subscriber = as_host ? peer : rec;
     if (peer == rec) continue;
-    _lmq_send_sysmsg_nolock(server, host, subscriber, LMQ_SYSMSG_SUBSCRIBER_PRESENT, id, caller);
-    _lmq_send_sysmsg_nolock(server, subscriber, host, LMQ_SYSMSG_HOST_PRESENT, id, caller);
+    lmq_send_sysmsg_nolock(host, server->node, subscriber->number, LMQ_SYSMSG_SUBSCRIBER_PRESENT,
+                           id, caller);
+    lmq_send_sysmsg_nolock(subscriber, server->node, host->number, LMQ_SYSMSG_HOST_PRESENT, id,
+                           caller);
   }
+  if (server->bus != NULL) lmq_bus_joined_nolock(server, service, rec, as_host, caller);
 out:
   pthread_mutex_unlock(&server->mutex);
   return rc;
@@ -659,6 +698,7 @@ static int _lmq_leave_service(lmq_client *client, int16_t id, int as_host) {
     rc = -ENOENT;
   } else {
     rc = _lmq_members_remove(as_host ? &service->hosts : &service->subscribers, rec);
+    if (rc == 0 && server->bus != NULL) lmq_bus_left_nolock(server, service, rec->number, as_host);
   }
   pthread_mutex_unlock(&server->mutex);
   return rc;
@@ -759,13 +799,21 @@ int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *
   rc = _lmq_sender_lock(client, &rec, &server);
   if (rc < 0) return rc;
 
-  target = address->node == server->node ? _lmq_client_find_nolock(server, address->client) : NULL;
-  if (target == NULL) {
-    rc = -EHOSTUNREACH;
-  } else {
+  if (address->node == server->node) {
+    target = lmq_client_find_nolock(server, address->client);
+    if (target == NULL) {
+      rc = -EHOSTUNREACH;
+    } else {
+      _lmq_make_address(&reply, server->node, rec->number, address->service_id, LMQ_KIND_REPLY,
+                        _lmq_next_sequence(rec));
+      rc = lmq_deliver(target, &reply, vector, count, size, 0);
+    }
+  } else if (server->bus != NULL && lmq_bus_knows_client_nolock(server, address)) {
     _lmq_make_address(&reply, server->node, rec->number, address->service_id, LMQ_KIND_REPLY,
                       _lmq_next_sequence(rec));
-    rc = _lmq_deliver(target, &reply, vector, count, size, 0);
+    rc = lmq_bus_reply_nolock(server, address, &reply, vector, count, size);
+  } else {
+    rc = -EHOSTUNREACH;
   }
   pthread_mutex_unlock(&server->mutex);
   return rc;
@@ -788,7 +836,7 @@ int lmqCXNotifySelf(lmq_client *client, const lmq_iovec *vector, uint32_t count,
   server = _lmq_attached_server(rec);
   _lmq_make_address(&reply, server != NULL ? server->node : 0, _lmq_number(rec), -1,
                     LMQ_KIND_SELF, _lmq_next_sequence(rec));
-  return _lmq_deliver(rec, &reply, vector, count, size, 1);
+  return lmq_deliver(rec, &reply, vector, count, size, 1);
 }
 
 /* --- Receiving ------------------------------------------------------- */
