@@ -1,0 +1,331 @@
+// Registry round trips across processes, against a raw Unix-socket
+// ping-pong of the same message sizes between two processes.
+//
+// BM_CrossProcessValueSetSync / BM_CrossProcessValueQuerySync: this
+// process joins the bus of a loregd child process (started once, with
+// --no-persist on a socket in a temporary directory) and calls
+// lorc_value_set (20-byte path, 10-byte value) or lorc_value_query
+// synchronously. A synchronous call goes: caller thread -> socket (the
+// caller writes its frame itself) -> daemon's bus thread -> "lorsmain" ->
+// socket -> this process's bus thread -> "lorcmain" -> caller. A set also
+// makes the server broadcast a key update, which comes back to this
+// process's client as well.
+//
+// BM_RawSocketPingPong/<request>/<reply>: a child process echoes on a Unix
+// stream socket pair; one iteration writes a request of the registry's size
+// (92 bytes for a set, 82 for a query) and reads the reply (62 and 72
+// bytes): the same two crossings of the socket, one thread on each side,
+// so two thread wake-ups per round trip.
+//
+// BM_RawSocketPingPongHops/92/62/<caller hops>/<echo hops>: the same bytes,
+// with the message handed on through more threads by a condition variable
+// on either side. 1/1: a receiver thread on each side (four wake-ups).
+// 2/1: the registry's shape, five wake-ups: on the echo side a reader (the
+// daemon's bus thread) hands to a worker ("lorsmain"); on the caller's side
+// a reader (the bus thread) hands to a relay ("lorcmain"), which wakes the
+// caller.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "loreg/lorc.h"
+#include "platform/lmq.h"
+#include "support/child_process.h"
+
+namespace {
+
+constexpr char kPath[] = "/com/norvi/tuner/snr";  // 20 bytes
+constexpr char kValue[] = "0123456789";           // 10 bytes
+constexpr uint32_t kPlain = 0x30400;
+
+// A loregd child process and a client of this process on its bus.
+class CrossProcessRegistry {
+ public:
+  CrossProcessRegistry() {
+    char pattern[] = "/tmp/loreg-bench-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) return;
+    m_dir = pattern;
+    std::string sock = m_dir + "/bus.sock";
+    if (!m_daemon.start({LOREGD_PATH, "--foreground", "--no-persist", "--socket", sock},
+                        m_dir + "/loregd.err") ||
+        !m_daemon.wait_err("loregd: ready", 15000)) {
+      return;
+    }
+    if (lmqServerCreate(&m_bus) != 0) return;
+    _cspOsalTime_struct timeout{10, 0};
+    if (lmqServerConnect(m_bus, sock.c_str(), &timeout) != 0) return;
+    lorc_init_params params{};
+    params.lmqServer = m_bus;
+    params.rcvQueueKBytes = 256;
+    if (lorc_init(&m_client, &params) != 0) {
+      m_client = nullptr;
+      return;
+    }
+    // Wait (bounded) until the client sends straight to the server.
+    for (int i = 0; i < 10000; i++) {
+      char path[64];
+      uint32_t flags = 0;
+      if (lorc_root_query(m_client, 0, &flags, path, sizeof path) > 0 &&
+          (flags & LORC_ROOT_STALE) == 0) {
+        m_ok = lorc_value_set(m_client, 0, kPath, kValue, 10, kPlain, 5) == 0;
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  ~CrossProcessRegistry() {
+    if (m_client != nullptr) lorc_shutdown(m_client);
+    if (m_bus != nullptr) lmqServerDestroy(m_bus);
+    if (m_daemon.signal(SIGTERM)) m_daemon.wait_exit(10000);
+    m_daemon.kill_and_reap();
+    if (!m_dir.empty()) {
+      unlink((m_dir + "/loregd.err").c_str());
+      rmdir(m_dir.c_str());
+    }
+  }
+  bool ok() const { return m_ok; }
+  lorc_client *client() const { return m_client; }
+
+ private:
+  std::string m_dir;
+  testsupport::ChildProcess m_daemon;
+  lmq_server *m_bus = nullptr;
+  lorc_client *m_client = nullptr;
+  bool m_ok = false;
+};
+
+// One daemon for all benchmarks of the run, ended at exit.
+CrossProcessRegistry &registry() {
+  static CrossProcessRegistry instance;
+  return instance;
+}
+
+void BM_CrossProcessValueSetSync(benchmark::State &state) {
+  CrossProcessRegistry &r = registry();
+  if (!r.ok()) {
+    state.SkipWithError("loregd or the client did not start");
+    return;
+  }
+  for (auto _ : state) {
+    int rc = lorc_value_set(r.client(), 0, kPath, kValue, 10, kPlain, 5);
+    if (rc != 0) {
+      state.SkipWithError("lorc_value_set failed");
+      break;
+    }
+  }
+}
+BENCHMARK(BM_CrossProcessValueSetSync)->UseRealTime();
+
+void BM_CrossProcessValueQuerySync(benchmark::State &state) {
+  CrossProcessRegistry &r = registry();
+  if (!r.ok()) {
+    state.SkipWithError("loregd or the client did not start");
+    return;
+  }
+  char buffer[64];
+  for (auto _ : state) {
+    int rc = lorc_value_query(r.client(), 0, kPath, buffer, sizeof buffer, 5);
+    if (rc != 10) {
+      state.SkipWithError("lorc_value_query failed");
+      break;
+    }
+  }
+}
+BENCHMARK(BM_CrossProcessValueQuerySync)->UseRealTime();
+
+bool write_all(int fd, const char *data, size_t len) {
+  while (len > 0) {
+    ssize_t n = write(fd, data, len);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    len -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool read_all(int fd, char *data, size_t len) {
+  while (len > 0) {
+    ssize_t n = read(fd, data, len);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    len -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Passes one message at a time from one thread to another.
+class Handoff {
+ public:
+  void put(const std::vector<char> &message) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_message = message;
+    m_full = true;
+    m_cond.notify_one();
+  }
+  bool take(std::vector<char> *message) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_cond.wait(lock, [&] { return m_full || m_closed; });
+    if (!m_full) return false;
+    *message = m_message;
+    m_full = false;
+    return true;
+  }
+  void close() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_closed = true;
+    m_cond.notify_all();
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_cond;
+  std::vector<char> m_message;
+  bool m_full = false;
+  bool m_closed = false;
+};
+
+// The echoing child, a fresh process image (this program, started with
+// kEchoArg) so that it begins with one thread: reads requests of
+// request_size bytes on its standard input, a socket, and answers
+// reply_size bytes, until the socket closes. With hops, a reader thread
+// hands each request to a worker thread, which answers.
+constexpr char kEchoArg[] = "--loreg-echo-child";
+
+int echo_child(size_t request_size, size_t reply_size, bool hops) {
+  const int fd = STDIN_FILENO;
+  std::vector<char> request(request_size);
+  std::vector<char> reply(reply_size, 'r');
+  if (!hops) {
+    while (read_all(fd, request.data(), request.size()) &&
+           write_all(fd, reply.data(), reply.size())) {
+    }
+    return 0;
+  }
+  Handoff handoff;
+  std::thread worker([&] {
+    std::vector<char> message;
+    while (handoff.take(&message) && write_all(fd, reply.data(), reply.size())) {
+    }
+  });
+  while (read_all(fd, request.data(), request.size())) handoff.put(request);
+  handoff.close();
+  worker.join();
+  return 0;
+}
+
+// Starts the echoing child on one end of a socket pair; returns its pid,
+// or -1.
+pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, bool hops) {
+  std::string request = std::to_string(request_size);
+  std::string reply = std::to_string(reply_size);
+  std::string mode = hops ? "hops" : "direct";
+  char *argv[] = {const_cast<char *>("cross_process_bench"), const_cast<char *>(kEchoArg),
+                  request.data(), reply.data(), mode.data(), nullptr};
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(child_end, STDIN_FILENO);
+    execv("/proc/self/exe", argv);
+    _exit(127);
+  }
+  return pid;
+}
+
+// One round trip after another; caller_hops threads (0, 1 or 2) stand
+// between the socket and the caller, echo_hops (0 or 1) in the child.
+void raw_ping_pong(benchmark::State &state, int caller_hops, bool echo_hops) {
+  size_t request_size = static_cast<size_t>(state.range(0));
+  size_t reply_size = static_cast<size_t>(state.range(1));
+  int fds[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+    state.SkipWithError("socketpair failed");
+    return;
+  }
+  pid_t pid = start_echo_child(fds[1], request_size, reply_size, echo_hops);
+  close(fds[1]);
+  if (pid < 0) {
+    close(fds[0]);
+    state.SkipWithError("fork failed");
+    return;
+  }
+
+  std::vector<char> request(request_size, 'q');
+  std::vector<char> reply(reply_size);
+  if (caller_hops == 0) {
+    for (auto _ : state) {
+      if (!write_all(fds[0], request.data(), request.size()) ||
+          !read_all(fds[0], reply.data(), reply.size())) {
+        state.SkipWithError("echo failed");
+        break;
+      }
+    }
+  } else {
+    // A receiver thread reads the replies; with two hops it hands them to
+    // a relay thread, which wakes the caller.
+    Handoff received;
+    Handoff relayed;
+    Handoff &to_caller = caller_hops == 1 ? received : relayed;
+    std::thread receiver([&] {
+      std::vector<char> message(reply_size);
+      while (read_all(fds[0], message.data(), message.size())) received.put(message);
+      received.close();
+    });
+    std::thread relay;
+    if (caller_hops == 2) {
+      relay = std::thread([&] {
+        std::vector<char> message;
+        while (received.take(&message)) relayed.put(message);
+        relayed.close();
+      });
+    }
+    for (auto _ : state) {
+      if (!write_all(fds[0], request.data(), request.size()) || !to_caller.take(&reply)) {
+        state.SkipWithError("echo failed");
+        break;
+      }
+    }
+    shutdown(fds[0], SHUT_RDWR);
+    receiver.join();
+    if (relay.joinable()) relay.join();
+  }
+  close(fds[0]);
+  waitpid(pid, nullptr, 0);
+}
+
+void BM_RawSocketPingPong(benchmark::State &state) { raw_ping_pong(state, 0, false); }
+BENCHMARK(BM_RawSocketPingPong)->Args({92, 62})->Args({82, 72})->UseRealTime();
+
+void BM_RawSocketPingPongHops(benchmark::State &state) {
+  raw_ping_pong(state, static_cast<int>(state.range(2)), state.range(3) != 0);
+}
+BENCHMARK(BM_RawSocketPingPongHops)->Args({92, 62, 1, 1})->Args({92, 62, 2, 1})->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc == 5 && std::strcmp(argv[1], kEchoArg) == 0) {
+    return echo_child(std::strtoul(argv[2], nullptr, 10), std::strtoul(argv[3], nullptr, 10),
+                      std::strcmp(argv[4], "hops") == 0);
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
