@@ -5,6 +5,10 @@
 
 #include <atomic>
 #include <cstring>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -16,6 +20,7 @@
 #include "support/log_capture.h"
 #include "support/test_allocator.h"
 #include "support/wire_client.h"
+#include "platform/csp_debug.h"
 
 using testsupport::ClientFixture;
 using testsupport::ClientServerSpec;
@@ -927,6 +932,236 @@ TEST(LorcApiNoServer, ExpiredSynchronousCallLeavesNoJobAndItsLateReplyIsDropped)
   ASSERT_TRUE(f.sync_client(0));
   EXPECT_FALSE(log.contains("lorc_onReply(job=" + S(job) + ")"));
   EXPECT_STREQ(buffer, "keep");
+}
+
+TEST(LorcApiNoServer, FurtherReplyForADoneJobChangesNothing) {
+  TestAllocator alloc;
+  ClientFixture f;
+  ClientSpec spec;
+  spec.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(spec), 0);
+  lorc_client *c = f.client();
+  Swallower swallower(f.lmq());
+  size_t before = settled(f, 0, alloc);
+  LogCapture log;
+
+  char *value = nullptr;
+  int job = lorc_m_value_query(c, 0, "/com/norvi/twice", &value, 0);
+  ASSERT_GT(job, 0);
+  auto request = swallower.command(LOREG_MSG_VALUE_QUERY, static_cast<uint32_t>(job));
+  ASSERT_TRUE(request);
+  // Two answers, as two servers give to a command that reached both.
+  ASSERT_EQ(swallower.wire().send_to(request->info.reply, 0x1001, static_cast<uint32_t>(job), 0,
+                                     0x04, 0, "first", ""),
+            0);
+  ASSERT_EQ(swallower.wire().send_to(request->info.reply, 0x1001, static_cast<uint32_t>(job), 0,
+                                     0x04, 0, "the second", ""),
+            0);
+  ASSERT_TRUE(f.sync_client(0));
+  EXPECT_EQ(log.count("lorc_onReply(job=" + S(job) + ")\n"), 2u);
+
+  int32_t out = 0;
+  ASSERT_EQ(lorc_job_get_result(c, job, &out), 0);
+  EXPECT_EQ(out, 5);
+  ASSERT_NE(value, nullptr);
+  EXPECT_STREQ(value, "first");
+  lorc_m_free(c, value);
+  EXPECT_EQ(settled(f, 0, alloc), before);
+}
+
+// An allocator that cancels a job from inside the allocation of the
+// job's result buffer, which the client thread makes while taking the reply.
+struct CancellingAllocator {
+  loreg_allocator handle{};
+  TestAllocator inner;
+  lorc_client *client = nullptr;
+  std::atomic<int> job{0};
+  std::atomic<size_t> size{0};
+  std::atomic<int> cancelled{1};
+
+  CancellingAllocator() {
+    handle.context = this;
+    handle.alloc = [](void *context, size_t bytes, int zero) -> void * {
+      auto *self = static_cast<CancellingAllocator *>(context);
+      if (bytes == self->size.load()) {
+        int target = self->job.exchange(0);
+        if (target > 0) self->cancelled = lorc_job_cancel(self->client, target);
+      }
+      return self->inner.handle()->alloc(self->inner.handle()->context, bytes, zero);
+    };
+    handle.free = [](void *context, void *block) {
+      auto *self = static_cast<CancellingAllocator *>(context);
+      self->inner.handle()->free(self->inner.handle()->context, block);
+    };
+  }
+};
+
+TEST(LorcApiNoServer, ReplyForAJobCancelledMeanwhileLeavesNoBuffer) {
+  CancellingAllocator alloc;
+  ClientFixture f;
+  ClientSpec spec;
+  spec.allocator = &alloc.handle;
+  ASSERT_EQ(f.add_client(spec), 0);
+  lorc_client *c = f.client();
+  alloc.client = c;
+  Swallower swallower(f.lmq());
+  size_t before = settled(f, 0, alloc.inner);
+  LogCapture log;
+
+  char *value = nullptr;
+  int job = lorc_m_value_query(c, 0, "/com/norvi/gone", &value, 0);
+  ASSERT_GT(job, 0);
+  auto request = swallower.command(LOREG_MSG_VALUE_QUERY, static_cast<uint32_t>(job));
+  ASSERT_TRUE(request);
+  const std::string text = "a value of exactly thirty-seven bytes";
+  ASSERT_EQ(text.size(), 37u);
+  alloc.size = text.size() + 1;
+  alloc.job = job;
+  ASSERT_EQ(swallower.wire().send_to(request->info.reply, 0x1001, static_cast<uint32_t>(job), 0,
+                                     0x04, 0, text, ""),
+            0);
+  ASSERT_TRUE(f.sync_client(0));
+  EXPECT_EQ(alloc.cancelled.load(), 0);
+  EXPECT_TRUE(log.has_line("lorc_req_simple_postproc(job=" + S(job) + "): not done yet!\n"));
+  EXPECT_EQ(lorc_job_get_result(c, job, nullptr), -2);
+  EXPECT_EQ(value, nullptr);
+  EXPECT_EQ(settled(f, 0, alloc.inner), before);
+}
+
+// Stops a thread at chosen log lines until the test lets it go on, so that
+// a test can put the client thread and a caller into a chosen order. Each
+// stop holds the first thread that logs a line containing its fragment.
+// Thresholds come from a LogCapture that lives longer than the gate; while
+// the gate is installed, lines are not captured but kept here.
+class LogGate {
+ public:
+  explicit LogGate(std::vector<std::string> stops)
+      : m_stops(std::move(stops)), m_hit(m_stops.size(), false), m_go(m_stops.size(), false) {
+    cspDebugSetSink(&LogGate::sink, this);
+  }
+  ~LogGate() {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_go.assign(m_go.size(), true);
+    }
+    m_cond.notify_all();
+    cspDebugSetSink(nullptr, nullptr);
+  }
+  LogGate(const LogGate &) = delete;
+  LogGate &operator=(const LogGate &) = delete;
+
+  // Waits (real time) until a thread is held at stop i.
+  bool wait_held(size_t i) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_cond.wait_for(lock, std::chrono::seconds(5), [&] { return m_hit[i]; });
+  }
+  void release(size_t i) {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_go[i] = true;
+    }
+    m_cond.notify_all();
+  }
+  // Waits (real time) until some thread logged a line containing fragment.
+  bool wait_line(const std::string &fragment) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_cond.wait_for(lock, std::chrono::seconds(5), [&] {
+      for (const auto &line : m_lines) {
+        if (line.find(fragment) != std::string::npos) return true;
+      }
+      return false;
+    });
+  }
+
+ private:
+  static void sink(void *context, uint32_t, uint32_t, uint32_t, const char *text) {
+    auto *self = static_cast<LogGate *>(context);
+    std::unique_lock<std::mutex> lock(self->m_mutex);
+    self->m_lines.emplace_back(text);
+    self->m_cond.notify_all();
+    for (size_t i = 0; i < self->m_stops.size(); i++) {
+      if (self->m_hit[i] || self->m_lines.back().find(self->m_stops[i]) == std::string::npos) {
+        continue;
+      }
+      self->m_hit[i] = true;
+      self->m_cond.notify_all();
+      self->m_cond.wait(lock, [&] { return self->m_go[i]; });
+      break;
+    }
+  }
+  std::vector<std::string> m_stops;
+  std::vector<bool> m_hit;
+  std::vector<bool> m_go;
+  std::vector<std::string> m_lines;
+  std::mutex m_mutex;
+  std::condition_variable m_cond;
+};
+
+TEST(LorcApiNoServer, ReplyForAJobGivenUpLeavesTheCallersBufferAlone) {
+  ClientFixture f;
+  ASSERT_EQ(f.add_client(), 0);
+  lorc_client *c = f.client();
+  Swallower swallower(f.lmq());
+  LogCapture log;
+  char buffer[16] = "untouched";
+  int job = lorc_value_query(c, 0, "/com/norvi/q", buffer, sizeof buffer, 0);
+  ASSERT_GT(job, 0);
+  auto request = swallower.command(LOREG_MSG_VALUE_QUERY, static_cast<uint32_t>(job));
+  ASSERT_TRUE(request);
+  {
+    // The client thread has found the job for its reply; the caller gives
+    // the job up before the reply is taken. Once lorc_job_cancel has
+    // returned, the buffer is the caller's again.
+    LogGate gate({"lorc_onReply(job=" + S(job) + ")\n"});
+    ASSERT_EQ(swallower.wire().send_to(request->info.reply, 0x1001, static_cast<uint32_t>(job), 0,
+                                       0x04, 0, "written", ""),
+              0);
+    ASSERT_TRUE(gate.wait_held(0));
+    EXPECT_EQ(lorc_job_cancel(c, job), 0);
+    gate.release(0);
+    ASSERT_TRUE(f.sync_client(0));
+  }
+  EXPECT_STREQ(buffer, "untouched");
+  EXPECT_EQ(lorc_job_get_result(c, job, nullptr), -2);
+}
+
+TEST(LorcApiNoServer, ReplyTakenWhileTheJobIsGivenUpLeavesNoBuffer) {
+  TestAllocator alloc;
+  ClientFixture f;
+  ClientSpec spec;
+  spec.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(spec), 0);
+  lorc_client *c = f.client();
+  Swallower swallower(f.lmq());
+  size_t before = settled(f, 0, alloc);
+  LogCapture log;
+  char *value = nullptr;
+  int job = lorc_m_value_query(c, 0, "/com/norvi/q", &value, 0);
+  ASSERT_GT(job, 0);
+  auto request = swallower.command(LOREG_MSG_VALUE_QUERY, static_cast<uint32_t>(job));
+  ASSERT_TRUE(request);
+  {
+    // lorc_job_cancel finds the job open; before it goes on, the client
+    // thread takes the reply and completes the job with a buffer allocated
+    // for it.
+    LogGate gate({"lorc_onReply(job=" + S(job) + ")\n",
+                  "lorc_req_simple_postproc(job=" + S(job) + "): not done yet!\n"});
+    ASSERT_EQ(swallower.wire().send_to(request->info.reply, 0x1001, static_cast<uint32_t>(job), 0,
+                                       0x04, 0, "late value", ""),
+              0);
+    ASSERT_TRUE(gate.wait_held(0));
+    std::future<int> cancel =
+        std::async(std::launch::async, [&] { return lorc_job_cancel(c, job); });
+    ASSERT_TRUE(gate.wait_held(1));
+    gate.release(0);
+    EXPECT_TRUE(gate.wait_line("_apij_JobDone_nolock(" + S(job) + "), result=0\n"));
+    gate.release(1);
+    EXPECT_EQ(cancel.get(), 0);
+    ASSERT_TRUE(f.sync_client(0));
+  }
+  EXPECT_EQ(value, nullptr);
+  EXPECT_EQ(lorc_job_get_result(c, job, nullptr), -2);
+  EXPECT_EQ(settled(f, 0, alloc), before);
 }
 
 TEST(LorcApiNoServer, ArgumentsGoIntoTheMessageUnchanged) {

@@ -80,6 +80,22 @@ int callback_jobs(const LogCapture &log) {
   return n;
 }
 
+// The callback id of the sub-jobs of bulk job `job`: that of the first job
+// created after it with a callback.
+int callback_id_of(const LogCapture &log, int job) {
+  for (const auto &text : log.texts()) {
+    size_t at = text.find("(): created job=");
+    if (at == std::string::npos) continue;
+    int id = 0, cbid = 0, timeout = 0;
+    if (sscanf(text.c_str() + at, "(): created job=%d, cbid=%d, timeout=%d", &id, &cbid,
+               &timeout) == 3 &&
+        id > job && cbid != 0) {
+      return cbid;
+    }
+  }
+  return 0;
+}
+
 // Key update notifications seen by a wire client, in arrival order.
 std::vector<WireMessage> updates(WireClient &w) {
   w.poll();
@@ -329,6 +345,38 @@ TEST(LorcBulkTransaction, WaitTimeComesFromTheKeyValue) {
   }
 }
 
+TEST(LorcBulkTransaction, TransactionIdZeroDoesNotRestartTheTransaction) {
+  ClientFixture f;
+  ASSERT_EQ(f.add_client(), 0);
+  lorc_client *c = f.client();
+  SpyHost spy(f.lmq());
+  BulkKeys keys;
+  ASSERT_EQ(keys.add("/com/norvi/t/", LORC_BULKOP_TRANSACTION), 0);
+  ASSERT_EQ(keys.add("/com/norvi/t/a", kSet, "1"), 0);
+  int job = lorc_bulk_operation(c, keys.get(), 0);
+  ASSERT_GT(job, 0);
+  auto echo = spy.next(LOREG_MSG_ECHO);
+  ASSERT_TRUE(echo);
+  ASSERT_EQ(spy.reply(*echo, 0, 0), 0);
+  // A server that opens the transaction with the id 0.
+  auto start = spy.next(LOREG_MSG_TA_START_TIMED);
+  ASSERT_TRUE(start);
+  ASSERT_EQ(spy.reply(*start, 0, 0), 0);
+  // The walk goes on with the next key; it does not open it again.
+  auto set = spy.next(LOREG_MSG_VALUE_SET);
+  ASSERT_TRUE(set);
+  EXPECT_EQ(set->data1, "/com/norvi/t/a");
+  EXPECT_EQ(set->header.tid, 0);
+  ASSERT_EQ(spy.reply(*set, 0, 0), 0);
+  ASSERT_EQ(lorc_job_wait(c, job, 5), 0);
+  int32_t result = -1;
+  ASSERT_EQ(lorc_job_get_result(c, job, &result), 0);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(keys.flags("/com/norvi/t/"), LORC_BULKOP_TRANSACTION | LORC_BULKOP_DONE);
+  EXPECT_EQ(keys.flags("/com/norvi/t/a"), kSet | LORC_BULKOP_DONE);
+  for (uint16_t type : spy.poll()) EXPECT_NE(type, LOREG_MSG_TA_START_TIMED);
+}
+
 TEST(LorcBulkTransaction, TwoTransactionKeysAreRefusedBeforeAnyMessage) {
   LogCapture log;
   ClientFixture f;
@@ -465,7 +513,7 @@ TEST(LorcBulkWait, TriggerPlaysBackTheKeysItWaitsFor) {
   EXPECT_EQ(callback_jobs(s.log), 0);
 }
 
-TEST(LorcBulkWait, CompletedJobWithAWaitNodeSeesASecondDoneAtMost) {
+TEST(LorcBulkWait, UpdateAfterAFailedJobLeavesItsContainerAlone) {
   TestAllocator alloc;
   Rig s(alloc.handle());
   ASSERT_EQ(s.set("/com/norvi/t/", ""), 0);
@@ -488,14 +536,19 @@ TEST(LorcBulkWait, CompletedJobWithAWaitNodeSeesASecondDoneAtMost) {
       << s.log.dump();
   EXPECT_EQ(keys.flags("/com/norvi/t/x"), kSet | LORC_BULKOP_DONE);
 
-  // The awaited update arrives after the job is done with its failure: the
-  // job completes a second time, which the job handler refuses.
+  EXPECT_FALSE(s.log.contains("(COMPOUND) successfully done.")) << s.log.dump();
+
+  // The awaited update arrives after the job has ended with its failure:
+  // the job is not completed again, its container (the caller's again) is
+  // left alone, and the wait node goes.
+  ASSERT_TRUE(s.f.sync());
+  size_t blocks = alloc.live_blocks();
   ASSERT_EQ(s.set("/com/norvi/w", "late"), 0);
   ASSERT_TRUE(s.f.sync());
-  EXPECT_TRUE(
-      s.log.has_line("_apij_JobDone_nolock(): job id " + std::to_string(job) + " alredy done.\n"))
-      << s.log.dump();
-  EXPECT_EQ(keys.key("/com/norvi/w").value, "late");
+  EXPECT_FALSE(s.log.contains("alredy done")) << s.log.dump();
+  EXPECT_EQ(keys.key("/com/norvi/w").value, "");
+  EXPECT_EQ(keys.flags("/com/norvi/w"), LORC_BULKOP_WAITUPDATE);
+  EXPECT_EQ(alloc.live_blocks(), blocks - 1);  // the wait node
   int32_t value = 0;
   ASSERT_EQ(lorc_job_get_result(s.c, job, &value), 0);
   EXPECT_EQ(value, -12);
@@ -505,6 +558,39 @@ TEST(LorcBulkWait, CompletedJobWithAWaitNodeSeesASecondDoneAtMost) {
   EXPECT_GT(tid, 0);
   EXPECT_EQ(lorc_transaction_end(s.c, tid, 5), 0);
 
+  ASSERT_EQ(s.f.stop_client(0), 0);
+  EXPECT_EQ(alloc.live_blocks(), 0u);
+}
+
+TEST(LorcBulkTransaction, FailedEndEndsTheJobWithItsErrorOnly) {
+  TestAllocator alloc;
+  Rig s(alloc.handle());
+  ASSERT_EQ(s.set("/com/norvi/t/", ""), 0);
+  BulkKeys keys;
+  ASSERT_EQ(keys.add("/com/norvi/t/", LORC_BULKOP_TRANSACTION), 0);
+  ASSERT_EQ(keys.add("/com/norvi/t/x", kSet, "1"), 0);
+  s.log.clear();
+
+  // Allocations: the job, the sub-jobs' callback, the transaction start,
+  // the set, then the transaction end, which fails.
+  alloc.fail_at(5);
+  int job = lorc_bulk_operation(s.c, keys.get(), 0);
+  ASSERT_GT(job, 0);
+  ASSERT_EQ(lorc_job_wait(s.c, job, 5), 0);
+  ASSERT_TRUE(s.f.sync());
+  EXPECT_TRUE(alloc.failed());
+  alloc.disarm();
+  EXPECT_TRUE(s.log.has_line("_lorc_req_compound_next_subjob(" + std::to_string(job) +
+                             "): failed to end transaction timeout=" +
+                             std::to_string(-callback_id_of(s.log, job)) + ". (code -12)\n"))
+      << s.log.dump();
+  // Nothing reports the job as successful, nor completes it a second time.
+  EXPECT_FALSE(s.log.contains("(COMPOUND) successfully done.")) << s.log.dump();
+  EXPECT_FALSE(s.log.contains("alredy done")) << s.log.dump();
+  int32_t value = 0;
+  ASSERT_EQ(lorc_job_get_result(s.c, job, &value), 0);
+  EXPECT_EQ(value, -12);
+  EXPECT_EQ(keys.flags("/com/norvi/t/x"), kSet | LORC_BULKOP_DONE);
   ASSERT_EQ(s.f.stop_client(0), 0);
   EXPECT_EQ(alloc.live_blocks(), 0u);
 }

@@ -653,6 +653,20 @@ struct TimerProbe {
   std::atomic<int> job{0};
 };
 
+// Waits until the client thread has handled everything sent to it so far:
+// a message sent now lies behind all of it in the client's queue (a timer
+// job may complete by a timer pass before the idle notification that its
+// creation sent has been read).
+bool drain_queue(ClientFixture &f, lorc_client *c, LogCapture &log, int round) {
+  WireClient sender(f.lmq(), false);
+  uint16_t type = static_cast<uint16_t>(0x2100 + round);
+  if (sender.send_to(address_of(c), type, 0, 0, 0, 0, "", "") != 0) return false;
+  char line[96];
+  std::snprintf(line, sizeof line,
+                "lorc_onNotification( msgtype=0x%04x ) unknown notification - ignored\n", type);
+  return ClientFixture::wait_until([&] { return log.has_line(line); });
+}
+
 TEST(LorcClientTimers, ANewFirstTimerWakesTheLoopUnlessCreatedOnIt) {
   TimerProbe probe;
   ClientFixture f;
@@ -665,6 +679,7 @@ TEST(LorcClientTimers, ANewFirstTimerWakesTheLoopUnlessCreatedOnIt) {
   int second = lorc_job_create_timer(c, 120000, 0, 0);  // behind it: none
   ASSERT_GT(second, 0);
   ASSERT_TRUE(f.sync_client(0));  // its own timer job: one more
+  ASSERT_TRUE(drain_queue(f, c, log, 1));
   EXPECT_EQ(log.count("idle notification\n"), 2u);
 
   // On the client thread, a new first timer needs no wake-up.
@@ -679,7 +694,8 @@ TEST(LorcClientTimers, ANewFirstTimerWakesTheLoopUnlessCreatedOnIt) {
   ASSERT_GT(lorc_job_create_timer(c, 0, 0, -cb), 0);  // a wake-up, then the callback
   ASSERT_TRUE(ClientFixture::wait_until([&] { return probe.job.load() != 0; }));
   ASSERT_GT(probe.job.load(), 0);
-  ASSERT_TRUE(f.sync_client(0));
+  ASSERT_TRUE(f.sync_client(0));  // its own timer job: one more
+  ASSERT_TRUE(drain_queue(f, c, log, 2));
   EXPECT_EQ(log.count("idle notification\n"), 2u) << log.dump();
   for (int job : {first, second, probe.job.load()}) EXPECT_EQ(lorc_job_cancel(c, job), 0);
 }

@@ -232,6 +232,20 @@ TEST(LorcSubscrTrigger, SendsOneCommandWithoutAJob) {
   EXPECT_FALSE(log.contains("created job=")) << log.dump();
 }
 
+TEST(LorcSubscrTrigger, OverlongPathIsRefusedRatherThanCut) {
+  LogCapture log;
+  ClientFixture f;
+  ASSERT_EQ(f.add_client(), 0);
+  SpyHost spy(f.lmq());
+  // 65536 + 20 bytes: cut to 16 bits, the length would be 20.
+  std::string path = "/com/norvi/" + std::string(65536 + 9, 'p');
+  ASSERT_EQ(path.size(), 65556u);
+  EXPECT_EQ(lorc_notification_trigger(f.client(), path.c_str(), 0xFFFFFFFFu, 1), -22);
+  EXPECT_TRUE(log.has_line("lorc_notification_trigger(): path too long (65556 bytes).\n"))
+      << log.dump();
+  EXPECT_FALSE(spy.next(LOREG_MSG_KEY_UPDATE_TRIGGER, 50));
+}
+
 TEST(LorcSubscrTrigger, FailedSendGivesEIO) {
   LogCapture log;
   ClientFixture f;  // no server: nobody hosts the service

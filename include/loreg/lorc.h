@@ -28,7 +28,7 @@
  *
  * Threads: every API function may be called from any thread. Callbacks
  * and handlers run on the client thread with no client lock held. Lock
- * order inside: client mutex, then job handler mutex, then a waiter's
+ * order inside: request mutex, client mutex, job handler mutex, a waiter's
  * mutex.
  */
 #ifndef LOREG_LORC_H
@@ -100,7 +100,13 @@ typedef void (*lorc_notify_fn)(lorc_client *client, uint32_t reason, const lorc_
 LOREG_EXPORT int lorc_init(lorc_client **handleOut, const lorc_init_params *params);
 
 /* Ends the thread, wakes waiters of open jobs with -103 and frees the
- * client. Returns 0, or -14 for a null or uninitialised client. */
+ * client. Returns 0, or -14 for a null or uninitialised client.
+ * Calls that other threads began before are let finish first: every call
+ * from then on is refused as for an uninitialised client, a synchronous
+ * call waiting for its reply returns -14, lorc_job_wait returns, and
+ * lorc_notification_unregister returns 0. The handle must not be used
+ * once lorc_shutdown has returned. In the external mode the caller stops
+ * feeding the client before. */
 LOREG_EXPORT int lorc_shutdown(lorc_client *client);
 
 /* The service id of "LOREG", or 0 with a log line. */
@@ -181,7 +187,9 @@ LOREG_EXPORT int lorc_job_wait(lorc_client *client, int32_t jobId, int32_t timeO
 LOREG_EXPORT int lorc_job_get_result(lorc_client *client, int32_t jobId, int32_t *resultOut);
 
 /* Post-processes (removing a timer, ending a bulk job's work) and
- * destroys a job, done or not. Returns 0 or the lookup's error. */
+ * destroys a job, done or not. Once it has returned, the client writes
+ * no more into the job's result buffer or bulk container, and a reply still
+ * to come is dropped. Returns 0 or the lookup's error. */
 LOREG_EXPORT int lorc_job_cancel(lorc_client *client, int32_t jobId);
 
 /* Registers a job callback; returns its positive id (use -id as timeOut). */

@@ -7,10 +7,19 @@
  * which the core, the request kinds, subscriptions and root tracking call
  * each other. Applications use lorc.h.
  *
- * The client mutex guards the subscription, root and wait lists and the
- * pairing of timers with jobs. Functions ending in _nolock expect it held.
+ * The client mutex guards the subscription, root and wait lists, the
+ * pairing of timers with jobs, and the count of public calls in progress.
+ * Functions ending in _nolock expect it held. Request records have a mutex
+ * of their own (lorc_request_lock), taken before the client mutex. Lock
+ * order: request mutex, client mutex, job handler mutex, a waiter's mutex.
  * Everything named *_reply, *_keyupd, *_process and the dispatch handlers
  * run on the client thread.
+ *
+ * Shutdown and calls in progress: every public function is admitted by
+ * lorc_client_enter and leaves by lorc_client_leave. lorc_shutdown clears
+ * the magic (no call is admitted any more), ends the client thread, wakes
+ * every call that blocks in lorc_client_wait or waits for a subscription's
+ * removal, and frees nothing until the last admitted call has left.
  */
 #ifndef LOREG_LORC_CLIENT_H
 #define LOREG_LORC_CLIENT_H
@@ -41,6 +50,12 @@ extern "C" {
 #define LORC_REQ_ALLOCATED 0x80u     /* result buffer allocated by the client */
 #define LORC_REQ_SUBJOBS_DONE 0x100u /* compound: all sub-jobs finished */
 #define LORC_REQ_UPDATES_DONE 0x200u /* compound: all awaited updates came */
+#define LORC_REQ_COLLECTED 0x400u    /* the collector gave the job up or ended it */
+
+/* Key flags (low bits of a key update's arg1) that the client reads. */
+#define LORC_KEYF_VALUE 0x04u
+#define LORC_KEYF_DIR 0x08u
+#define LORC_KEYF_ROOT 0x20u
 
 /* Subscription node flags. */
 #define LORC_SUBSCR_REMOVED 0x01u
@@ -52,10 +67,12 @@ extern "C" {
 typedef struct lorc_subscr_node lorc_subscr_node;
 typedef struct lorc_root_node lorc_root_node;
 typedef struct lorc_waitupd_node lorc_waitupd_node;
+typedef struct lorc_wait_node lorc_wait_node;
 
 LIST_HEAD(lorc_subscr_list, lorc_subscr_node);
 TAILQ_HEAD(lorc_root_list, lorc_root_node);
 LIST_HEAD(lorc_waitupd_list, lorc_waitupd_node);
+LIST_HEAD(lorc_wait_list, lorc_wait_node);
 
 struct lorc_client {
   uint32_t magic;          /* LORC_MAGIC while alive; 0 from shutdown on */
@@ -74,6 +91,11 @@ struct lorc_client {
   tmrq_inst *timers;
   loreg_lmq_ctx lmq;
   int32_t idleTimerId;
+  /* Shutdown support, under the mutex. */
+  uint32_t users;                /* public calls admitted and not yet left */
+  struct lorc_wait_list waits;   /* calls blocked waiting for a job */
+  int32_t draining;              /* set once shutdown has woken the waits */
+  pthread_cond_t drained;        /* signalled when the last call leaves */
 };
 
 /* The job cookie of every client job. A compound job uses the words after
@@ -131,6 +153,12 @@ struct lorc_waitupd_node {
   int32_t jobId;
 };
 
+/* A call blocked in lorc_client_wait; lives on the caller's stack. */
+struct lorc_wait_node {
+  LIST_ENTRY(lorc_wait_node) link;
+  int32_t jobId;
+};
+
 /* --- Core (client task) ---------------------------------------------- */
 LOREG_EXPORT void *lorc_task_main(void *client);
 LOREG_EXPORT int lorc_task_dispatch_msg(void *client, loreg_msg *msg, const lmq_rx_info *rxInfo,
@@ -145,6 +173,37 @@ LOREG_EXPORT int lorc_is_client_thread(const lorc_client *client);
 /* Non-zero while the client is alive: not null and its magic set (read
  * atomically, since lorc_shutdown clears it while other threads may look). */
 LOREG_EXPORT int lorc_client_valid(const lorc_client *client);
+/* Admits a public call: 0, and lorc_shutdown frees nothing until the call
+ * has left with lorc_client_leave; or -14 for a null client or one whose
+ * magic is gone (nothing to leave then). Logs nothing. */
+LOREG_EXPORT int lorc_client_enter(lorc_client *client);
+LOREG_EXPORT void lorc_client_leave(lorc_client *client);
+/* apij_JobResultGet for an admitted call. A wait of 1 second or more is
+ * recorded, so that lorc_shutdown can end it: the job is then destroyed
+ * unless it is done, and the waiter wakes with -103. Once shutdown has
+ * done so, a new wait finds its job treated in the same way at once. */
+LOREG_EXPORT int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result,
+                                  int32_t timeOut);
+/* Sends the idle notification 0x200A to the client's own queue, which
+ * wakes the message loop; returns the send's result. */
+LOREG_EXPORT int lorc_client_send_idle(lorc_client *client);
+
+/*
+ * The request mutex. The client thread fills a job's request record (and
+ * a bulk job's container, or the caller's result buffer) while the job's
+ * collector may give the job up on another thread (lorc_job_cancel, a
+ * synchronous wait that expired) and hand record, container and buffer
+ * back to the caller. Both sides work on them under this mutex; the
+ * collector leaves LORC_REQ_COLLECTED in the record's type, and the client
+ * thread does not write into a record so marked. Nobody holds it while a
+ * job completes, since completion runs the job's callback. Type bits that
+ * change after the start are set with lorc_request_set_type_bits and read
+ * with lorc_request_type, since the kind is also read without the mutex.
+ */
+void lorc_request_lock(void);
+void lorc_request_unlock(void);
+uint32_t lorc_request_type(const lorc_request *request);
+void lorc_request_set_type_bits(lorc_request *request, uint32_t bits);
 
 /* --- Job processing -------------------------------------------------- */
 LOREG_EXPORT int lorc_api_job_process(lorc_client *client, lorc_request *request, const char *path,

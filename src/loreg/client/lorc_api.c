@@ -21,35 +21,24 @@
 #define LORC_API_LOG(level, ...) LOREG_LOG((level), LOREG_MOD_CLIENT_API, __VA_ARGS__)
 
 /* ------------------------------------------------------------------------ */
-/* Argument checks shared by the operations                                  */
+/* Admission and argument checks                                             */
 
-static int _lorc_check_client(const lorc_client *client, const char *caller) {
-  if (!lorc_client_valid(client)) {
+/* Admits a public call; a refused one is logged under the caller's name. A
+ * call admitted here leaves with lorc_client_leave. */
+static int _lorc_enter(lorc_client *client, const char *caller) {
+  if (lorc_client_enter(client) != 0) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(): client not yet initialized.\n", caller);
     return -EFAULT;
   }
   return 0;
 }
 
-/* Value and key operations spell their message "missiing", the
- * transaction operations "missing". Lengths travel in 16 bits, so a longer
- * path is refused rather than sent cut. */
-static int _lorc_check_path(const char *path, int transaction, const char *caller) {
-  size_t len;
-
-  if (path == NULL) {
-    if (transaction) {
-      LORC_API_LOG(LOREG_LVL_FAIL, "%s(): path missing.\n", caller);
-    } else {
-      LORC_API_LOG(LOREG_LVL_FAIL, "%s(): path missiing.\n", caller);
-    }
-    return -EINVAL;
-  }
-  len = strlen(path);
-  if (len > UINT16_MAX) {
-    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): path too long (%lu bytes).\n", caller,
-                 (unsigned long)len);
-    return -EINVAL;
+/* The same test for the internal entries, which run inside an admitted
+ * call or on the client thread. */
+static int _lorc_check_client(const lorc_client *client, const char *caller) {
+  if (!lorc_client_valid(client)) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): client not yet initialized.\n", caller);
+    return -EFAULT;
   }
   return 0;
 }
@@ -60,21 +49,6 @@ static int _lorc_check_buffer(const void *buffer, uint32_t size, const char *cal
     return -EINVAL;
   }
   return 0;
-}
-
-/* A fresh request of a kind, carrying a message of a type. */
-static void _lorc_request_init(lorc_request *request, uint32_t type, uint16_t msgtype,
-                               int32_t tid, const char *path) {
-  memset(request, 0, sizeof(*request));
-  request->type = type;
-  request->msg.header.msgtype = msgtype;
-  request->msg.header.tid = tid;
-  if (path != NULL) {
-    /* Sending only reads the path; the record's pointer is not const
-     * because received messages are terminated in place. */
-    request->msg.data1 = (char *)(uintptr_t)path;
-    request->msg.header.len1 = (uint16_t)strlen(path);
-  }
 }
 
 /* ------------------------------------------------------------------------ */
@@ -134,7 +108,7 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
   }
 
   LORC_API_LOG(LOREG_LVL_TRACE, "%s(): sync job=%d\n", callerName, (int)jobId);
-  waitRc = apij_JobResultGet(client->jobs, jobId, NULL, timeOut);
+  waitRc = lorc_client_wait(client, jobId, NULL, timeOut);
   rc = apij_JobRefGet(client->jobs, jobId, &ref);
   if (rc <= 0) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(sync job=%d): failed re-obtaining job reference. (code=%d)\n",
@@ -142,9 +116,9 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
     apij_JobDestroy(client->jobs, jobId);
     return -EFAULT;
   }
-  /* The job's own result reaches the caller through the post-processing;
-   * an expired or failed wait still runs it for its side effects (a
-   * timer or a client-allocated buffer to give back). */
+  /* The job's own result reaches the caller through the post-processing.
+   * An expired or failed wait still runs it for its side effects, such as
+   * ending a bulk job's work; the value is then that of the wait. */
   if (waitRc == 0) {
     value = lorc_api_job_postproc(client, &ref);
   } else if (waitRc == -ETIMEDOUT) {
@@ -163,7 +137,9 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
 
 int lorc_api_job_postproc(lorc_client *client, apij_job_ref *ref) {
   const lorc_request *request = (const lorc_request *)ref->cookie;
-  uint32_t type = request->type;
+  /* A bulk job's state bits may change on the client thread meanwhile; its
+   * kind never does. */
+  uint32_t type = lorc_request_type(request);
 
   switch (type & LORC_REQ_KIND_MASK) {
     case LORC_REQ_COMPOUND:
@@ -216,215 +192,258 @@ int lorc_job_callback(apij_inst *instance, apij_job_ref *ref, void *cookie) {
 /* ------------------------------------------------------------------------ */
 /* Operations                                                                */
 
+/* How an operation checks its path. A missing one is spelled "missiing" by
+ * the value and key operations and "missing" by the transaction ones. */
+enum lorc_path_rule { LORC_PATH_NONE, LORC_PATH_KEY, LORC_PATH_TRANSACTION };
+
+/*
+ * A simple operation as its API function describes it. _lorc_op_run checks
+ * the client, the path and the buffers in this order, builds the request
+ * and hands it to lorc_api_job_process. Fields left zero are not used.
+ */
+typedef struct lorc_op {
+  const char *name; /* the API function, for the logs */
+  uint16_t msgtype;
+  int32_t tid;
+  enum lorc_path_rule pathRule;
+  const char *path;
+  uint32_t arg0;
+  uint32_t arg1;
+  const void *value;          /* data0 of a set: valueLen bytes */
+  uint32_t valueLen;
+  void *buffer;               /* result buffer of a query: bufferSize bytes */
+  uint32_t bufferSize;
+  uint32_t *keyFlagsOut;      /* flags of the key a key query finds */
+  char **bufferOut;           /* lorc_m_ queries: receives the client's buffer */
+  const char *bufferOutName;  /* ... and names that argument; set for them only */
+  int allServers;             /* one reply from every server with a valid root */
+} lorc_op;
+
+/* Lengths travel in 16 bits: a longer path or value is refused rather than
+ * sent cut. */
+static int _lorc_check_path(const char *path, enum lorc_path_rule rule, const char *caller) {
+  size_t len;
+
+  if (path == NULL) {
+    if (rule == LORC_PATH_TRANSACTION) {
+      LORC_API_LOG(LOREG_LVL_FAIL, "%s(): path missing.\n", caller);
+    } else {
+      LORC_API_LOG(LOREG_LVL_FAIL, "%s(): path missiing.\n", caller);
+    }
+    return -EINVAL;
+  }
+  len = strlen(path);
+  if (len > UINT16_MAX) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): path too long (%lu bytes).\n", caller,
+                 (unsigned long)len);
+    return -EINVAL;
+  }
+  return 0;
+}
+
+static int _lorc_op_check(const lorc_op *op) {
+  if (op->pathRule != LORC_PATH_NONE && _lorc_check_path(op->path, op->pathRule, op->name) != 0) {
+    return -EINVAL;
+  }
+  if (_lorc_check_buffer(op->value, op->valueLen, op->name) != 0) return -EINVAL;
+  if (op->valueLen > UINT16_MAX) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): value too long (%u bytes).\n", op->name,
+                 (unsigned)op->valueLen);
+    return -EINVAL;
+  }
+  if (_lorc_check_buffer(op->buffer, op->bufferSize, op->name) != 0) return -EINVAL;
+  if (op->bufferOutName != NULL && op->bufferOut == NULL) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): %s is NULL.\n", op->name, op->bufferOutName);
+    return -EINVAL;
+  }
+  return 0;
+}
+
+static void _lorc_op_request(const lorc_op *op, lorc_request *request) {
+  memset(request, 0, sizeof(*request));
+  request->type = LORC_REQ_SIMPLE | (op->bufferOutName != NULL ? LORC_REQ_ALLOCATED : 0u);
+  request->msg.header.msgtype = op->msgtype;
+  request->msg.header.tid = op->tid;
+  request->msg.header.arg0 = op->arg0;
+  request->msg.header.arg1 = op->arg1;
+  /* Sending only reads path and value; the record's pointers are not const
+   * because received messages are terminated in place. */
+  if (op->path != NULL) {
+    request->msg.data1 = (char *)(uintptr_t)op->path;
+    request->msg.header.len1 = (uint16_t)strlen(op->path);
+  }
+  if (op->value != NULL) {
+    request->msg.data0 = (char *)(uintptr_t)op->value;
+    request->msg.header.len0 = (uint16_t)op->valueLen;
+  }
+  request->u.simple.buffer = op->buffer;
+  request->u.simple.bufferSize = op->bufferSize;
+  request->u.simple.keyFlagsOut = op->keyFlagsOut;
+  request->u.simple.bufferOut = (void **)op->bufferOut;
+}
+
+/* Store and reload go to every server: with more than one valid root the
+ * job waits for one reply from each of them. */
+static void _lorc_op_count_servers(lorc_client *client, lorc_request *request) {
+  _cspOsalTime_struct now;
+  int valid;
+
+  if (cspOsalGetUptime(&now) != 0) return;
+  valid = lorc_root_count_valid(client, &now);
+  if (valid > 1) request->u.simple.pendingReplies = (uint32_t)valid;
+}
+
+static int _lorc_op_run(lorc_client *client, const lorc_op *op, int32_t timeOut) {
+  lorc_request request;
+  int rc;
+
+  if (op->bufferOut != NULL) *op->bufferOut = NULL;
+  if (_lorc_enter(client, op->name) != 0) return -EFAULT;
+  rc = _lorc_op_check(op);
+  if (rc == 0) {
+    _lorc_op_request(op, &request);
+    if (op->allServers) _lorc_op_count_servers(client, &request);
+    rc = lorc_api_job_process(client, &request, op->path, timeOut, op->name);
+  }
+  lorc_client_leave(client);
+  return rc;
+}
+
 int lorc_value_query(lorc_client *client, int32_t tid, const char *path, void *buffer,
                      uint32_t bufferSize, int32_t timeOut) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 0, __func__) != 0) return -EINVAL;
-  if (_lorc_check_buffer(buffer, bufferSize, __func__) != 0) return -EINVAL;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_VALUE_QUERY, tid, path);
-  request.u.simple.buffer = buffer;
-  request.u.simple.bufferSize = bufferSize;
-  return lorc_api_job_process(client, &request, path, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_VALUE_QUERY, .tid = tid,
+                      .pathRule = LORC_PATH_KEY, .path = path, .buffer = buffer,
+                      .bufferSize = bufferSize};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_value_set(lorc_client *client, int32_t tid, const char *path, const void *value,
                    uint32_t valueLen, uint32_t setFlags, int32_t timeOut) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 0, __func__) != 0) return -EINVAL;
-  if (_lorc_check_buffer(value, valueLen, __func__) != 0) return -EINVAL;
-  if (valueLen > UINT16_MAX) {
-    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): value too long (%u bytes).\n", __func__,
-                 (unsigned)valueLen);
-    return -EINVAL;
-  }
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_VALUE_SET, tid, path);
-  request.msg.header.arg0 = setFlags;
-  request.msg.data0 = (char *)(uintptr_t)value;
-  request.msg.header.len0 = (uint16_t)valueLen;
-  return lorc_api_job_process(client, &request, path, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_VALUE_SET, .tid = tid,
+                      .pathRule = LORC_PATH_KEY, .path = path, .arg0 = setFlags,
+                      .value = value, .valueLen = valueLen};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_key_delete(lorc_client *client, int32_t tid, const char *path, int32_t timeOut) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 0, __func__) != 0) return -EINVAL;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_KEY_DELETE, tid, path);
-  return lorc_api_job_process(client, &request, path, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_KEY_DELETE, .tid = tid,
+                      .pathRule = LORC_PATH_KEY, .path = path};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_key_count(lorc_client *client, int32_t tid, const char *path, uint32_t mask,
                    int32_t timeOut) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 0, __func__) != 0) return -EINVAL;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_KEY_COUNT, tid, path);
-  request.msg.header.arg0 = mask;
-  return lorc_api_job_process(client, &request, path, timeOut, __func__);
-}
-
-/* Key queries into the caller's buffer or one the client allocates. */
-static int _lorc_key_query(lorc_client *client, uint32_t type, int32_t tid, const char *path,
-                           uint32_t mask, int32_t index, uint32_t *keyFlagsOut, void *buffer,
-                           uint32_t bufferSize, void **bufferOut, int32_t timeOut,
-                           const char *caller) {
-  lorc_request request;
-
-  _lorc_request_init(&request, type, LOREG_MSG_KEY_QUERY, tid, path);
-  request.msg.header.arg0 = mask;
-  request.msg.header.arg1 = (uint32_t)index;
-  request.u.simple.keyFlagsOut = keyFlagsOut;
-  request.u.simple.buffer = buffer;
-  request.u.simple.bufferSize = bufferSize;
-  request.u.simple.bufferOut = bufferOut;
-  return lorc_api_job_process(client, &request, path, timeOut, caller);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_KEY_COUNT, .tid = tid,
+                      .pathRule = LORC_PATH_KEY, .path = path, .arg0 = mask};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_key_query(lorc_client *client, int32_t tid, const char *path, uint32_t mask,
                    int32_t index, uint32_t *keyFlagsOut, void *buffer, uint32_t bufferSize,
                    int32_t timeOut) {
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 0, __func__) != 0) return -EINVAL;
-  if (_lorc_check_buffer(buffer, bufferSize, __func__) != 0) return -EINVAL;
-  return _lorc_key_query(client, LORC_REQ_SIMPLE, tid, path, mask, index, keyFlagsOut, buffer,
-                         bufferSize, NULL, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_KEY_QUERY, .tid = tid,
+                      .pathRule = LORC_PATH_KEY, .path = path, .arg0 = mask,
+                      .arg1 = (uint32_t)index, .buffer = buffer, .bufferSize = bufferSize,
+                      .keyFlagsOut = keyFlagsOut};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
-static int _lorc_transaction_start(lorc_client *client, const char *path, uint32_t waitTimeMs,
-                                   uint32_t maxDurationMs, int32_t timeOut, const char *caller) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, caller) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 1, caller) != 0) return -EINVAL;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_TA_START_TIMED, 0, path);
-  request.msg.header.arg0 = waitTimeMs;
-  request.msg.header.arg1 = maxDurationMs;
-  return lorc_api_job_process(client, &request, path, timeOut, caller);
-}
-
+/* The plain start is the timed one with no wait and the server's default
+ * limit; the server's fixed-default start is never used. */
 int lorc_transaction_start(lorc_client *client, const char *path, int32_t timeOut) {
-  /* The plain start is the timed one with no wait and the server's
-   * default limit; the server's fixed-default start is never used. */
-  return _lorc_transaction_start(client, path, 0, 0, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_TA_START_TIMED,
+                      .pathRule = LORC_PATH_TRANSACTION, .path = path};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_transaction_timed_start(lorc_client *client, const char *path, uint32_t waitTimeMs,
                                  uint32_t maxDurationMs, int32_t timeOut) {
-  return _lorc_transaction_start(client, path, waitTimeMs, maxDurationMs, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_TA_START_TIMED,
+                      .pathRule = LORC_PATH_TRANSACTION, .path = path, .arg0 = waitTimeMs,
+                      .arg1 = maxDurationMs};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_transaction_end(lorc_client *client, int32_t tid, int32_t timeOut) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_TA_END, tid, NULL);
-  return lorc_api_job_process(client, &request, NULL, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_TA_END, .tid = tid};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_transid_acquire(lorc_client *client, const char *path, int32_t timeOut) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 1, __func__) != 0) return -EINVAL;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_TID_ACQUIRE, 0, path);
-  return lorc_api_job_process(client, &request, path, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_TID_ACQUIRE,
+                      .pathRule = LORC_PATH_TRANSACTION, .path = path};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_transid_release(lorc_client *client, const char *path, int32_t tid, int32_t timeOut) {
-  lorc_request request;
-
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 1, __func__) != 0) return -EINVAL;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, LOREG_MSG_TID_RELEASE, tid, path);
-  return lorc_api_job_process(client, &request, path, timeOut, __func__);
-}
-
-/* Store and reload go to every server: with more than one valid root the
- * job waits for one reply from each of them. */
-static int _lorc_repository_command(lorc_client *client, uint16_t msgtype, int32_t timeOut,
-                                    const char *caller) {
-  lorc_request request;
-  _cspOsalTime_struct now;
-
-  if (_lorc_check_client(client, caller) != 0) return -EFAULT;
-  _lorc_request_init(&request, LORC_REQ_SIMPLE, msgtype, 0, NULL);
-  if (cspOsalGetUptime(&now) == 0) {
-    int valid = lorc_root_count_valid(client, &now);
-    if (valid > 1) request.u.simple.pendingReplies = (uint32_t)valid;
-  }
-  return lorc_api_job_process(client, &request, NULL, timeOut, caller);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_TID_RELEASE, .tid = tid,
+                      .pathRule = LORC_PATH_TRANSACTION, .path = path};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_repository_store(lorc_client *client, int32_t timeOut) {
-  return _lorc_repository_command(client, LOREG_MSG_REPO_STORE, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_REPO_STORE, .allServers = 1};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_repository_reload(lorc_client *client, int32_t timeOut) {
-  return _lorc_repository_command(client, LOREG_MSG_REPO_RELOAD, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_REPO_RELOAD, .allServers = 1};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_m_value_query(lorc_client *client, int32_t tid, const char *path, char **ppValue,
                        int32_t timeOut) {
-  lorc_request request;
-
-  if (ppValue != NULL) *ppValue = NULL;
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 0, __func__) != 0) return -EINVAL;
-  if (ppValue == NULL) {
-    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): ppValue is NULL.\n", __func__);
-    return -EINVAL;
-  }
-  _lorc_request_init(&request, LORC_REQ_SIMPLE | LORC_REQ_ALLOCATED, LOREG_MSG_VALUE_QUERY, tid,
-                     path);
-  request.u.simple.bufferOut = (void **)ppValue;
-  return lorc_api_job_process(client, &request, path, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_VALUE_QUERY, .tid = tid,
+                      .pathRule = LORC_PATH_KEY, .path = path, .bufferOut = ppValue,
+                      .bufferOutName = "ppValue"};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 int lorc_m_key_query(lorc_client *client, int32_t tid, const char *path, uint32_t mask,
                      int32_t index, uint32_t *keyFlagsOut, char **ppKey, int32_t timeOut) {
-  if (ppKey != NULL) *ppKey = NULL;
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  if (_lorc_check_path(path, 0, __func__) != 0) return -EINVAL;
-  if (ppKey == NULL) {
-    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): ppKey is NULL.\n", __func__);
-    return -EINVAL;
-  }
-  return _lorc_key_query(client, LORC_REQ_SIMPLE | LORC_REQ_ALLOCATED, tid, path, mask, index,
-                         keyFlagsOut, NULL, 0, (void **)ppKey, timeOut, __func__);
+  const lorc_op op = {.name = __func__, .msgtype = LOREG_MSG_KEY_QUERY, .tid = tid,
+                      .pathRule = LORC_PATH_KEY, .path = path, .arg0 = mask,
+                      .arg1 = (uint32_t)index, .keyFlagsOut = keyFlagsOut, .bufferOut = ppKey,
+                      .bufferOutName = "ppKey"};
+  return _lorc_op_run(client, &op, timeOut);
 }
 
 void lorc_m_free(lorc_client *client, void *block) {
   /* With a bad client the allocator is unknown: the block stays. */
-  if (_lorc_check_client(client, __func__) != 0) return;
+  if (_lorc_enter(client, __func__) != 0) return;
   loreg_free(client->allocator, block);
+  lorc_client_leave(client);
 }
 
 int lorc_bulk_operation(lorc_client *client, lorkc_container *container, int32_t timeOut) {
   lorc_request request;
+  int rc;
 
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
+  if (_lorc_enter(client, __func__) != 0) return -EFAULT;
   if (container == NULL) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(): container is NULL.\n", __func__);
-    return -EINVAL;
+    rc = -EINVAL;
+  } else {
+    memset(&request, 0, sizeof(request));
+    request.type = LORC_REQ_COMPOUND;
+    request.u.compound.container = container;
+    request.u.compound.subjob = -1;
+    rc = lorc_api_job_process(client, &request, NULL, timeOut, __func__);
   }
-  memset(&request, 0, sizeof(request));
-  request.type = LORC_REQ_COMPOUND;
-  request.u.compound.container = container;
-  request.u.compound.subjob = -1;
-  return lorc_api_job_process(client, &request, NULL, timeOut, __func__);
+  lorc_client_leave(client);
+  return rc;
 }
 
 /* ------------------------------------------------------------------------ */
 /* Jobs                                                                      */
 
 int lorc_job_wait(lorc_client *client, int32_t jobId, int32_t timeOut) {
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  return apij_JobResultGet(client->jobs, jobId, NULL, timeOut);
+  int rc;
+
+  if (_lorc_enter(client, __func__) != 0) return -EFAULT;
+  rc = lorc_client_wait(client, jobId, NULL, timeOut);
+  lorc_client_leave(client);
+  return rc;
 }
 
 int lorc_job_get_result(lorc_client *client, int32_t jobId, int32_t *resultOut) {
@@ -432,23 +451,22 @@ int lorc_job_get_result(lorc_client *client, int32_t jobId, int32_t *resultOut) 
   int32_t value = -EAGAIN;
   int rc;
 
-  if (_lorc_check_client(client, __func__) != 0) {
+  if (_lorc_enter(client, __func__) != 0) {
     if (resultOut != NULL) *resultOut = -EAGAIN;
     return -EFAULT;
   }
   rc = apij_JobRefGet(client->jobs, jobId, &ref);
-  if (rc < 0) {
-    if (resultOut != NULL) *resultOut = -EAGAIN;
-    return rc;
+  if (rc > 0) {
+    if (!ref.done) {
+      rc = -EINPROGRESS;
+    } else {
+      value = lorc_api_job_postproc(client, &ref);
+      rc = 0;
+      apij_JobDestroy(client->jobs, jobId);
+    }
+    apij_JobRefRelease(client->jobs, &ref);
   }
-  if (!ref.done) {
-    rc = -EINPROGRESS;
-  } else {
-    value = lorc_api_job_postproc(client, &ref);
-    rc = 0;
-    apij_JobDestroy(client->jobs, jobId);
-  }
-  apij_JobRefRelease(client->jobs, &ref);
+  lorc_client_leave(client);
   if (resultOut != NULL) *resultOut = value;
   return rc;
 }
@@ -457,48 +475,61 @@ int lorc_job_cancel(lorc_client *client, int32_t jobId) {
   apij_job_ref ref;
   int rc;
 
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
+  if (_lorc_enter(client, __func__) != 0) return -EFAULT;
   rc = apij_JobRefGet(client->jobs, jobId, &ref);
-  if (rc < 0) return rc;
-  /* Done or not: a timer job loses its timer, a bulk job its callback. */
-  (void)lorc_api_job_postproc(client, &ref);
-  apij_JobDestroy(client->jobs, jobId);
-  apij_JobRefRelease(client->jobs, &ref);
-  return 0;
+  if (rc > 0) {
+    /* Done or not: a timer job loses its timer, a bulk job its callback. */
+    (void)lorc_api_job_postproc(client, &ref);
+    apij_JobDestroy(client->jobs, jobId);
+    apij_JobRefRelease(client->jobs, &ref);
+    rc = 0;
+  }
+  lorc_client_leave(client);
+  return rc;
 }
 
 int lorc_job_cb_register(lorc_client *client, lorc_job_user_fn userFn, void *cookie) {
   int rc;
 
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
+  if (_lorc_enter(client, __func__) != 0) return -EFAULT;
   LORC_API_LOG(LOREG_LVL_DETAIL, "REG_CLIENT_TEST %s(): register job callback, handle = 0x%x.\n",
                __func__, (unsigned)(uintptr_t)client);
   rc = lorc_api_job_cb_register(client, NULL, userFn, cookie);
   LORC_API_LOG(LOREG_LVL_DETAIL, "REG_CLIENT_TEST %s(): job callback id = %d.\n", __func__, rc);
+  lorc_client_leave(client);
   return rc;
 }
 
 int lorc_job_cb_unregister(lorc_client *client, int32_t callbackId, int removeJobs) {
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
-  return apij_CbUnregister(client->jobs, callbackId, removeJobs);
+  int rc;
+
+  if (_lorc_enter(client, __func__) != 0) return -EFAULT;
+  rc = apij_CbUnregister(client->jobs, callbackId, removeJobs);
+  lorc_client_leave(client);
+  return rc;
 }
 
 int lorc_job_create_timer(lorc_client *client, uint32_t timeMs, int32_t expiryValue,
                           int32_t callbackId) {
   lorc_request request;
+  int rc;
 
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
+  if (_lorc_enter(client, __func__) != 0) return -EFAULT;
   if (callbackId > 0) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(): 'callbackId' must be <= 0 (is %d).\n", __func__,
                  (int)callbackId);
-    return -EINVAL;
+    rc = -EINVAL;
+  } else {
+    memset(&request, 0, sizeof(request));
+    request.type = LORC_REQ_TIMER;
+    request.u.simple.buffer = (void *)(intptr_t)expiryValue;
+    request.u.simple.bufferSize = timeMs;
+    /* The callback id doubles as timeOut: a timer job is never waited for
+     * here. */
+    rc = lorc_api_job_process(client, &request, NULL, callbackId, __func__);
   }
-  _lorc_request_init(&request, LORC_REQ_TIMER, 0, 0, NULL);
-  request.u.simple.buffer = (void *)(intptr_t)expiryValue;
-  request.u.simple.bufferSize = timeMs;
-  /* The callback id doubles as timeOut: a timer job is never waited for
-   * here. */
-  return lorc_api_job_process(client, &request, NULL, callbackId, __func__);
+  lorc_client_leave(client);
+  return rc;
 }
 
 /* ------------------------------------------------------------------------ */
@@ -526,10 +557,7 @@ int lorc_timer_create(lorc_client *client, const _cspOsalTime_struct *timeout,
   /* The loop sleeps until the former first timer; a new first timer must
    * wake it, unless we are the loop. */
   if (index == 0 && !lorc_is_client_thread(client)) {
-    loreg_msg wake;
-    memset(&wake, 0, sizeof(wake));
-    wake.header.msgtype = LOREG_MSG_IDLE;
-    rc = loreg_send_self_notification(client->lmq.client, &wake);
+    rc = lorc_client_send_idle(client);
     if (rc != 0) {
       LORC_API_LOG(LOREG_LVL_FAIL,
                    "%s(): failed sending idle notification! (code %d) Timer id %d may be delayed!\n",
@@ -599,12 +627,13 @@ int lorc_root_query(lorc_client *client, int32_t index, uint32_t *flagsOut, char
   _cspOsalTime_struct now;
   int rc;
 
-  if (_lorc_check_client(client, __func__) != 0) return -EFAULT;
+  if (_lorc_enter(client, __func__) != 0) return -EFAULT;
   rc = lorc_root_get_path(client, index, flagsOut, &updated, buffer, bufferSize);
   /* No timer removes a stale root; the reader marks it. */
   if (flagsOut != NULL && rc >= 0 && cspOsalGetUptime(&now) == 0 &&
       !lorc_root_is_valid(&updated, &now)) {
     *flagsOut |= LORC_ROOT_STALE;
   }
+  lorc_client_leave(client);
   return rc;
 }

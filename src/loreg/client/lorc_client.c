@@ -24,14 +24,96 @@
 #define LORC_API_LOG(level, ...) LOREG_LOG((level), LOREG_MOD_CLIENT_API, __VA_ARGS__)
 #define LORC_TASK_LOG(level, ...) LOREG_LOG((level), LOREG_MOD_CLIENT_TASK, __VA_ARGS__)
 
-/* Lines of the form "file:line:function()" name the source file alone. */
-static const char *_lorc_basename(const char *path) {
-  const char *slash = strrchr(path, '/');
-  return slash != NULL ? slash + 1 : path;
-}
-
 int lorc_client_valid(const lorc_client *client) {
   return client != NULL && __atomic_load_n(&client->magic, __ATOMIC_ACQUIRE) == LORC_MAGIC;
+}
+
+/* ------------------------------------------------------------------------ */
+/* Request records shared with a collector                                   */
+
+/* One for all clients: its holders only work on request records and send
+ * commands of their own client. */
+static pthread_mutex_t g_lorc_request_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+void lorc_request_lock(void) { pthread_mutex_lock(&g_lorc_request_mutex); }
+
+void lorc_request_unlock(void) { pthread_mutex_unlock(&g_lorc_request_mutex); }
+
+uint32_t lorc_request_type(const lorc_request *request) {
+  return __atomic_load_n(&request->type, __ATOMIC_ACQUIRE);
+}
+
+void lorc_request_set_type_bits(lorc_request *request, uint32_t bits) {
+  __atomic_fetch_or(&request->type, bits, __ATOMIC_RELEASE);
+}
+
+/* ------------------------------------------------------------------------ */
+/* Calls in progress                                                         */
+
+/* The magic is tested again under the mutex: lorc_shutdown clears it before
+ * it takes the mutex to wait for the calls admitted so far, so a call is
+ * either counted before that wait begins or refused. */
+int lorc_client_enter(lorc_client *client) {
+  if (!lorc_client_valid(client)) return -EFAULT;
+  if (pthread_mutex_lock(&client->mutex) != 0) return -EFAULT;
+  if (!lorc_client_valid(client)) {
+    pthread_mutex_unlock(&client->mutex);
+    return -EFAULT;
+  }
+  client->users++;
+  pthread_mutex_unlock(&client->mutex);
+  return 0;
+}
+
+void lorc_client_leave(lorc_client *client) {
+  if (pthread_mutex_lock(&client->mutex) != 0) return;
+  client->users--;
+  if (client->users == 0 && !lorc_client_valid(client)) pthread_cond_broadcast(&client->drained);
+  pthread_mutex_unlock(&client->mutex);
+}
+
+/* Ends a wait that shutdown does not let run: the job is destroyed unless
+ * it is done, which wakes its waiters with -103. Jobs are completed only on
+ * the client thread, which has ended by then, so "done" cannot change. */
+static void _lorc_wait_abort_nolock(lorc_client *client, int32_t jobId) {
+  apij_job_ref ref;
+  int done;
+
+  if (apij_JobRefGet(client->jobs, jobId, &ref) <= 0) return;
+  done = ref.done;
+  apij_JobRefRelease(client->jobs, &ref);
+  if (!done) apij_JobDestroy(client->jobs, jobId);
+}
+
+int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result, int32_t timeOut) {
+  lorc_wait_node node;
+  int recorded = 0;
+  int rc;
+
+  if (timeOut >= 1 && pthread_mutex_lock(&client->mutex) == 0) {
+    if (client->draining) {
+      _lorc_wait_abort_nolock(client, jobId);
+    } else {
+      node.jobId = jobId;
+      LIST_INSERT_HEAD(&client->waits, &node, link);
+      recorded = 1;
+    }
+    pthread_mutex_unlock(&client->mutex);
+  }
+  rc = apij_JobResultGet(client->jobs, jobId, result, timeOut);
+  if (recorded && pthread_mutex_lock(&client->mutex) == 0) {
+    LIST_REMOVE(&node, link);
+    pthread_mutex_unlock(&client->mutex);
+  }
+  return rc;
+}
+
+int lorc_client_send_idle(lorc_client *client) {
+  loreg_msg idle;
+
+  memset(&idle, 0, sizeof(idle));
+  idle.header.msgtype = LOREG_MSG_IDLE;
+  return loreg_send_self_notification(client->lmq.client, &idle);
 }
 
 int lorc_is_client_thread(const lorc_client *client) {
@@ -46,6 +128,7 @@ int lorc_is_client_thread(const lorc_client *client) {
 
 /* Progress of lorc_init, for unwinding a failure. */
 #define LORC_INIT_MUTEX 0x01u
+#define LORC_INIT_COND 0x02u
 
 /* Undoes a partial lorc_init, in the reverse order of its steps. */
 static void _lorc_init_unwind(lorc_client *client, uint32_t progress) {
@@ -54,6 +137,7 @@ static void _lorc_init_unwind(lorc_client *client, uint32_t progress) {
   loreg_lmq_shutdown(&client->lmq, allocator);
   if (client->timers != NULL) tmrq_InstDestroy(client->timers);
   if (client->jobs != NULL) apij_InstDestroy(client->jobs);
+  if (progress & LORC_INIT_COND) pthread_cond_destroy(&client->drained);
   if (progress & LORC_INIT_MUTEX) pthread_mutex_destroy(&client->mutex);
   if (client->hooks != NULL) loreg_free(allocator, client->hooks);
   __atomic_store_n(&client->magic, 0u, __ATOMIC_RELEASE);
@@ -136,6 +220,7 @@ int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
   LIST_INIT(&client->subscriptions);
   TAILQ_INIT(&client->roots);
   LIST_INIT(&client->waitUpdates);
+  LIST_INIT(&client->waits);
 
   rc = pthread_mutex_init(&client->mutex, NULL);
   if (rc != 0) {
@@ -144,6 +229,13 @@ int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
     return -EFAULT;
   }
   progress |= LORC_INIT_MUTEX;
+  rc = pthread_cond_init(&client->drained, NULL);
+  if (rc != 0) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): pthread_cond_init failed (code %d)\n", __func__, rc);
+    _lorc_init_unwind(client, progress);
+    return -EFAULT;
+  }
+  progress |= LORC_INIT_COND;
 
   memset(&jobConfig, 0, sizeof(jobConfig));
   jobConfig.allocator = (loreg_allocator *)(uintptr_t)client->allocator;
@@ -202,6 +294,15 @@ int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
   return 0;
 }
 
+/* Wakes every call blocked in lorc_client_wait. From now on a new wait
+ * ends at once in the same way. */
+static void _lorc_wake_waits_nolock(lorc_client *client) {
+  lorc_wait_node *node;
+
+  client->draining = 1;
+  LIST_FOREACH(node, &client->waits, link) _lorc_wait_abort_nolock(client, node->jobId);
+}
+
 int lorc_shutdown(lorc_client *client) {
   const loreg_allocator *allocator;
 
@@ -216,15 +317,11 @@ int lorc_shutdown(lorc_client *client) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(): Unable to lock client mutex (ignored)\n", __func__);
   }
   if (client->lmqClient == NULL) {
-    loreg_msg wake;
-
     /* The loop sleeps in its receive: the idle notification wakes it, and
      * it sees the stop flag after that message. A failed send only delays
      * the join until the loop wakes for another reason. */
     __atomic_store_n(&client->stop, 1, __ATOMIC_RELEASE);
-    memset(&wake, 0, sizeof(wake));
-    wake.header.msgtype = LOREG_MSG_IDLE;
-    (void)loreg_send_self_notification(client->lmq.client, &wake);
+    (void)lorc_client_send_idle(client);
     pthread_mutex_unlock(&client->mutex);
     LORC_API_LOG(LOREG_LVL_DETAIL, "%s(): wait for message loop task to exit...\n", __func__);
     if (pthread_join(client->thread, NULL) != 0) {
@@ -239,18 +336,25 @@ int lorc_shutdown(lorc_client *client) {
     }
   }
 
+  /* Calls of other threads may still be inside the client. Those waiting
+   * for a subscription's removal wake up as the subscriptions go, those
+   * waiting for a job as their jobs go; the rest only run to their end.
+   * Nothing they use is freed before the last of them has left. */
+  lorc_subscr_reset_nolock(client);
+  _lorc_wake_waits_nolock(client);
+  while (client->users != 0) pthread_cond_wait(&client->drained, &client->mutex);
+
   allocator = client->allocator;
   loreg_lmq_shutdown(&client->lmq, allocator);
   lorc_waitupd_reset(client);
-  lorc_subscr_reset_nolock(client);
   lorc_root_reset_nolock(client);
-  /* Waiters on open jobs wake up with -103 here. */
   apij_InstDestroy(client->jobs);
   client->jobs = NULL;
   tmrq_InstDestroy(client->timers);
   client->timers = NULL;
 
   pthread_mutex_unlock(&client->mutex);
+  pthread_cond_destroy(&client->drained);
   pthread_mutex_destroy(&client->mutex);
   if (client->hooks != NULL) loreg_free(allocator, client->hooks);
   loreg_free(allocator, client);
@@ -259,36 +363,49 @@ int lorc_shutdown(lorc_client *client) {
 }
 
 int16_t lorc_get_service_id(lorc_client *client) {
-  if (!lorc_client_valid(client)) {
+  int16_t id;
+
+  if (lorc_client_enter(client) != 0) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(%p): client not initialized.\n", __func__, (void *)client);
     return 0;
   }
-  return client->lmq.service_id;
+  id = client->lmq.service_id;
+  lorc_client_leave(client);
+  return id;
 }
 
 /* ------------------------------------------------------------------------ */
 /* External mode                                                             */
 
-/* A client with a receive queue of its own runs its own loop, and nobody
- * else may feed it. */
-static int _lorc_accepts_feeding(const lorc_client *client) {
-  return lorc_client_valid(client) && client->lmq.queue == NULL;
+/* Admits a call that feeds the client. A client with a receive queue of
+ * its own runs its own loop, and nobody else may feed it. */
+static int _lorc_enter_feeding(lorc_client *client) {
+  if (lorc_client_enter(client) != 0) return LOREG_ERR_DISPATCH_REFUSED;
+  if (client->lmq.queue != NULL) {
+    lorc_client_leave(client);
+    return LOREG_ERR_DISPATCH_REFUSED;
+  }
+  return 0;
 }
 
 int lorc_dispatch_msg(lorc_client *client, loreg_msg *msg, const lmq_rx_info *rxInfo) {
   _cspOsalTime_struct next = CSP_OSAL_TIME_NEG_INFINITY;
+  int rc;
 
-  if (msg == NULL || rxInfo == NULL || !_lorc_accepts_feeding(client)) {
+  if (msg == NULL || rxInfo == NULL || _lorc_enter_feeding(client) != 0) {
     return LOREG_ERR_DISPATCH_REFUSED;
   }
-  return lorc_task_dispatch_msg(client, msg, rxInfo, &next);
+  rc = lorc_task_dispatch_msg(client, msg, rxInfo, &next);
+  lorc_client_leave(client);
+  return rc;
 }
 
 void lorc_dispatch_sysmsg(lorc_client *client, uint32_t type, uint32_t subType) {
   _cspOsalTime_struct next = CSP_OSAL_TIME_NEG_INFINITY;
 
-  if (!_lorc_accepts_feeding(client)) return;
+  if (_lorc_enter_feeding(client) != 0) return;
   lorc_task_dispatch_sysmsg(client, type, subType, &next);
+  lorc_client_leave(client);
 }
 
 /* ------------------------------------------------------------------------ */
@@ -303,7 +420,7 @@ void *lorc_task_main(void *arg) {
   loreg_loop loop;
 
   LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s:%d:%s(): LOREG client task spawned\n",
-                _lorc_basename(__FILE__), __LINE__, __func__);
+                loreg_basename(__FILE__), __LINE__, __func__);
   memset(&loop, 0, sizeof(loop));
   loop.lmq = &client->lmq;
   loop.on_msg = lorc_task_dispatch_msg;
@@ -317,7 +434,7 @@ void *lorc_task_main(void *arg) {
   }
   (void)loreg_msgloop(&loop, buffer.bytes);
   LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s:%d:%s(): LOREG client task ends.\n",
-                _lorc_basename(__FILE__), __LINE__, __func__);
+                loreg_basename(__FILE__), __LINE__, __func__);
   if (client->hooks != NULL && client->hooks->onTaskEnd != NULL) {
     client->hooks->onTaskEnd(client, client->hooks->cookie);
   }
@@ -332,6 +449,7 @@ static void _lorc_onReply(lorc_client *client, loreg_msg *msg) {
   apij_job_ref ref;
   int32_t jobId = (int32_t)msg->header.reqid;
   const lorc_request *request;
+  uint32_t type;
   uint32_t kind;
 
   /* A job that is gone (timed-out wait, cancelled) drops its reply. */
@@ -339,14 +457,15 @@ static void _lorc_onReply(lorc_client *client, loreg_msg *msg) {
 
   LORC_TASK_LOG(LOREG_LVL_TRACE, "%s(job=%d)\n", "lorc_onReply", (int)jobId);
   request = (const lorc_request *)ref.cookie;
-  kind = request->type & LORC_REQ_KIND_MASK;
+  type = lorc_request_type(request);
+  kind = type & LORC_REQ_KIND_MASK;
   if (kind == LORC_REQ_SIMPLE) {
     lorc_req_simple_reply(client, &ref, msg);
   } else if (kind == LORC_REQ_COMPOUND) {
     lorc_req_compound_reply(client, &ref, msg);
   } else {
     LORC_TASK_LOG(LOREG_LVL_FAIL, "%s(job=%d) unexpected request type 0x%04x - ignored\n",
-                  "lorc_onReply", (int)jobId, (unsigned)request->type);
+                  "lorc_onReply", (int)jobId, (unsigned)type);
   }
   apij_JobRefRelease(client->jobs, &ref);
 }

@@ -12,9 +12,10 @@
  * finished (LORC_REQ_SUBJOBS_DONE) and all awaited updates have come
  * (LORC_REQ_UPDATES_DONE).
  *
- * After the start, the request record and the container are touched only
- * on the client thread, so they need no lock; the wait node list is
- * changed under the client mutex.
+ * After the start, the walk works on the request record and the container
+ * on the client thread alone; a collector that ends the job early from
+ * another thread meets it under the request mutex. The wait node list
+ * is changed under the client mutex.
  */
 #include <errno.h>
 #include <pthread.h>
@@ -148,6 +149,18 @@ int lorc_req_compound_start(lorc_client *client, lorc_request *request, int32_t 
 
 /* --- The walk, on the client thread ------------------------------------ */
 
+/*
+ * The walk runs on the client thread, but a job's collector may end the
+ * job early from another thread, and the caller takes the container back as
+ * soon as the collector returns. Each step of the walk therefore holds the
+ * request mutex while it works on the record and the container, and leaves
+ * a record marked LORC_REQ_COLLECTED alone. A step gives the mutex up
+ * before it completes the job.
+ */
+
+/* A step's outcome when the job goes on; otherwise the job's final value. */
+#define LORC_BULK_PENDING 1
+
 static void _lorc_req_compound_cb(lorc_client *client, apij_job_ref *ref, int32_t value,
                                   void *cookie);
 
@@ -157,20 +170,25 @@ static void _lorc_req_compound_mark_failed(lorc_request *request) {
   if (lorkc_it_valid(it) == 1) lorkc_it_chflags(it, it->key.flags | LORC_BULKOP_FAILED);
 }
 
-/* Completes the bulk job with success once sub-jobs and updates are in. */
-static void _lorc_req_compound_finish(lorc_client *client, int32_t jobId) {
-  _lorc_waitupd_remove(client, jobId);
-  LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_CLIENT_TASK, "Job %d (COMPOUND) successfully done.\n",
-            (int)jobId);
-  apij_JobDone(client->jobs, jobId, 0);
+/* Completes the job after a step, with the request mutex released: with 0 once
+ * sub-jobs and updates are in, or with a failure. */
+static void _lorc_req_compound_complete(lorc_client *client, int32_t jobId, int outcome) {
+  if (outcome == LORC_BULK_PENDING) return;
+  if (outcome == 0) {
+    _lorc_waitupd_remove(client, jobId);
+    LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_CLIENT_TASK, "Job %d (COMPOUND) successfully done.\n",
+              (int)jobId);
+  }
+  apij_JobDone(client->jobs, jobId, outcome);
 }
 
 /*
- * Starts the next sub-job, or ends the transaction, or finishes the job
- * when nothing remains. Runs on the client thread only.
+ * Starts the next sub-job, or ends the transaction, or finds that nothing
+ * remains. Returns LORC_BULK_PENDING while a sub-job runs or updates are
+ * awaited, else the job's final value. Request mutex held.
  */
-static void _lorc_req_compound_next_subjob(lorc_client *client, lorc_request *request,
-                                           int32_t jobId) {
+static int _lorc_req_compound_next_subjob_nolock(lorc_client *client, lorc_request *request,
+                                                 int32_t jobId) {
   lorkc_it *it = &request->u.compound.it;
   int32_t timeOut = -request->u.compound.callbackId;
 
@@ -194,7 +212,9 @@ static void _lorc_req_compound_next_subjob(lorc_client *client, lorc_request *re
         rc = lorc_key_delete(client, request->u.compound.tid, key->path, timeOut);
         break;
       case LORC_BULKOP_TRANSACTION:
-        if (request->u.compound.tid == 0) {
+        /* Opened once per run: a server that answered with a tid of 0
+         * would otherwise be asked again and again. */
+        if (request->u.compound.tid == 0 && (key->flags & LORC_BULKOP_DONE) == 0) {
           uint32_t waitTimeMs = 0;
           if (key->value != NULL && key->value_len > 0)
             waitTimeMs = (uint32_t)strtoul((const char *)key->value, NULL, 10);
@@ -217,59 +237,43 @@ static void _lorc_req_compound_next_subjob(lorc_client *client, lorc_request *re
     }
     if (rc > 0) {
       request->u.compound.subjob = rc;
-      return;
+      return LORC_BULK_PENDING;
     }
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK, "%s(%d): failed to %s timeout=%d. (code %d)\n",
-              __func__, (int)jobId, word, (int)timeOut, rc);
+              "_lorc_req_compound_next_subjob", (int)jobId, word, (int)timeOut, rc);
     _lorc_req_compound_mark_failed(request);
-    apij_JobDone(client->jobs, jobId, rc);
-    return;
+    return rc;
   }
 
   if (request->u.compound.tid > 0) {
     int rc = lorc_transaction_end(client, request->u.compound.tid, timeOut);
     if (rc > 0) {
       request->u.compound.subjob = rc;
-      return;
+      return LORC_BULK_PENDING;
     }
-    /* The transaction stays recorded, so that the termination ends it. No
-     * sub-job remains either way: a wait node still pending later meets a
-     * job that is done already, and its completion changes nothing. The
-     * record is written before the job is done, since a waiter may then
-     * post-process it at once. */
-    request->type |= LORC_REQ_SUBJOBS_DONE;
+    /* The job ends with the failure. The transaction stays recorded, so
+     * that the termination ends it; a wait node still there goes at the
+     * next key update. */
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK, "%s(%d): failed to %s timeout=%d. (code %d)\n",
-              __func__, (int)jobId, "end transaction", (int)timeOut, rc);
-    apij_JobDone(client->jobs, jobId, rc);
-    if (request->type & LORC_REQ_UPDATES_DONE) _lorc_req_compound_finish(client, jobId);
-    return;
+              "_lorc_req_compound_next_subjob", (int)jobId, "end transaction", (int)timeOut, rc);
+    return rc;
   }
 
-  request->type |= LORC_REQ_SUBJOBS_DONE;
-  if (request->type & LORC_REQ_UPDATES_DONE) _lorc_req_compound_finish(client, jobId);
+  lorc_request_set_type_bits(request, LORC_REQ_SUBJOBS_DONE);
+  return (lorc_request_type(request) & LORC_REQ_UPDATES_DONE) ? 0 : LORC_BULK_PENDING;
 }
 
-void lorc_req_compound_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *msg) {
-  lorc_request *request = _lorc_req_of(ref);
-  int32_t jobId = ref->id;
-
-  if (msg->header.msgtype != LOREG_MSG_REPLY_TYPE(LOREG_MSG_ECHO) ||
-      msg->header.arg0 != LORC_COMPOUND_ECHO_MARK || request->u.compound.subjob >= 0) {
-    /* Also the echo's answer of a second server: the walk runs once. */
-    LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_CLIENT_TASK,
-              "%s(%d): unexpected: msgtype=0x%04x, parm0=0x%04x, subjob=%d\n", __func__, (int)jobId,
-              (unsigned)msg->header.msgtype, (unsigned)msg->header.arg0,
-              (int)request->u.compound.subjob);
-    return;
-  }
-
+/* The echo's reply: registers the sub-jobs' callback, places the walk and
+ * the wait for updates, and starts the first sub-job. Request mutex held. */
+static int _lorc_req_compound_begin_nolock(lorc_client *client, lorc_request *request,
+                                           int32_t jobId) {
   request->u.compound.subjob = 0;
   int rc = lorc_api_job_cb_register(client, _lorc_req_compound_cb, NULL, (void *)(intptr_t)jobId);
   if (rc < 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK,
-              "%s(%d): failed to register subjob-callback. (code %d)\n", __func__, (int)jobId, rc);
-    apij_JobDone(client->jobs, jobId, rc);
-    return;
+              "%s(%d): failed to register subjob-callback. (code %d)\n", "lorc_req_compound_reply",
+              (int)jobId, rc);
+    return rc;
   }
   request->u.compound.callbackId = rc;
 
@@ -281,9 +285,8 @@ void lorc_req_compound_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *
   if (rc == 0) rc = lorkc_it_first(container, it);
   if (rc < 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK, "%s(%d): failed to init iterator. (code %d)\n",
-              __func__, (int)jobId, rc);
-    apij_JobDone(client->jobs, jobId, rc);
-    return;
+              "lorc_req_compound_reply", (int)jobId, rc);
+    return rc;
   }
 
   lorkc_it local;
@@ -293,17 +296,41 @@ void lorc_req_compound_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *
   if (rc == 1) {
     rc = _lorc_waitupd_add(client, jobId);
   } else if (rc == 0) {
-    request->type |= LORC_REQ_UPDATES_DONE;
+    lorc_request_set_type_bits(request, LORC_REQ_UPDATES_DONE);
   }
   if (rc < 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK,
-              "%s(%d): failed to init BULKOP_WAITUPDATE handling. (code %d)\n", __func__,
-              (int)jobId, rc);
-    apij_JobDone(client->jobs, jobId, rc);
-    return;
+              "%s(%d): failed to init BULKOP_WAITUPDATE handling. (code %d)\n",
+              "lorc_req_compound_reply", (int)jobId, rc);
+    return rc;
   }
 
-  _lorc_req_compound_next_subjob(client, request, jobId);
+  return _lorc_req_compound_next_subjob_nolock(client, request, jobId);
+}
+
+void lorc_req_compound_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *msg) {
+  lorc_request *request = _lorc_req_of(ref);
+  int32_t jobId = ref->id;
+  int outcome;
+
+  lorc_request_lock();
+  if (lorc_request_type(request) & LORC_REQ_COLLECTED) {
+    lorc_request_unlock();
+    return;
+  }
+  if (msg->header.msgtype != LOREG_MSG_REPLY_TYPE(LOREG_MSG_ECHO) ||
+      msg->header.arg0 != LORC_COMPOUND_ECHO_MARK || request->u.compound.subjob >= 0) {
+    /* Also the echo's answer of a second server: the walk runs once. */
+    LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_CLIENT_TASK,
+              "%s(%d): unexpected: msgtype=0x%04x, parm0=0x%04x, subjob=%d\n", __func__, (int)jobId,
+              (unsigned)msg->header.msgtype, (unsigned)msg->header.arg0,
+              (int)request->u.compound.subjob);
+    lorc_request_unlock();
+    return;
+  }
+  outcome = _lorc_req_compound_begin_nolock(client, request, jobId);
+  lorc_request_unlock();
+  _lorc_req_compound_complete(client, jobId, outcome);
 }
 
 /*
@@ -366,38 +393,49 @@ static int _lorc_req_compound_subjob_done(lorc_request *request, const lorc_requ
   }
 }
 
-/* Job callback of every sub-job: books its result and goes on. */
-static void _lorc_req_compound_cb(lorc_client *client, apij_job_ref *ref, int32_t value,
-                                  void *cookie) {
-  int32_t jobId = (int32_t)(intptr_t)cookie;
-  apij_job_ref compound;
-  if (apij_JobRefGet(client->jobs, jobId, &compound) < 1) return;
-
-  lorc_request *request = _lorc_req_of(&compound);
+/* Books a finished sub-job and goes on. Request mutex held. */
+static int _lorc_req_compound_step_nolock(lorc_client *client, lorc_request *request,
+                                          const apij_job_ref *ref, int32_t value, int32_t jobId) {
   const lorc_request *sub = _lorc_req_of(ref);
-  if ((request->type & LORC_REQ_KIND_MASK) != LORC_REQ_COMPOUND ||
-      (sub->type & LORC_REQ_KIND_MASK) != LORC_REQ_SIMPLE ||
+  if ((lorc_request_type(request) & LORC_REQ_KIND_MASK) != LORC_REQ_COMPOUND ||
+      (lorc_request_type(sub) & LORC_REQ_KIND_MASK) != LORC_REQ_SIMPLE ||
       request->u.compound.subjob != ref->id) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK, "%s(): WARNING: inconsistent data.\n",
-              __func__);
-    apij_JobRefRelease(client->jobs, &compound);
-    return;
+              "_lorc_req_compound_cb");
+    return LORC_BULK_PENDING;
   }
 
   const char *word = "<unknown>";
   int rewound = 0;
   int rc = _lorc_req_compound_subjob_done(request, sub, value, &word, &rewound);
-  if (rc == 0) {
-    if (!rewound && lorkc_it_valid(&request->u.compound.it) == 1)
-      lorkc_it_next(&request->u.compound.it);
-    _lorc_req_compound_next_subjob(client, request, jobId);
-  } else {
+  if (rc != 0) {
     _lorc_req_compound_mark_failed(request);
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK,
-              "%s(%d): %s failed - bulk job terminates with error %d.\n", __func__, (int)jobId,
-              word, rc);
-    apij_JobDone(client->jobs, jobId, rc);
+              "%s(%d): %s failed - bulk job terminates with error %d.\n", "_lorc_req_compound_cb",
+              (int)jobId, word, rc);
+    return rc;
   }
+  if (!rewound && lorkc_it_valid(&request->u.compound.it) == 1)
+    lorkc_it_next(&request->u.compound.it);
+  return _lorc_req_compound_next_subjob_nolock(client, request, jobId);
+}
+
+/* Job callback of every sub-job. It runs inside the sub-job's completion,
+ * while the reply's value still lies in the receive buffer. */
+static void _lorc_req_compound_cb(lorc_client *client, apij_job_ref *ref, int32_t value,
+                                  void *cookie) {
+  int32_t jobId = (int32_t)(intptr_t)cookie;
+  apij_job_ref compound;
+  int outcome = LORC_BULK_PENDING;
+
+  if (apij_JobRefGet(client->jobs, jobId, &compound) < 1) return;
+  lorc_request *request = _lorc_req_of(&compound);
+  lorc_request_lock();
+  if ((lorc_request_type(request) & LORC_REQ_COLLECTED) == 0) {
+    outcome = _lorc_req_compound_step_nolock(client, request, ref, value, jobId);
+  }
+  lorc_request_unlock();
+  _lorc_req_compound_complete(client, jobId, outcome);
   apij_JobRefRelease(client->jobs, &compound);
 }
 
@@ -425,6 +463,24 @@ static void _lorc_req_compound_update_single(lorc_request *request, lorkc_it *lo
   lorkc_it_findidx(request->u.compound.container, it, it->index);
 }
 
+/* Books an update on the keys of one job that waits for it. Returns
+ * LORC_BULK_PENDING, or 0 when the job is complete. Request mutex held. */
+static int _lorc_req_compound_update_nolock(lorc_request *request, const lorc_key_struct *item) {
+  lorkc_it local;
+  int missing = 0;
+  int rc = lorkc_it_first(request->u.compound.container, &local);
+  for (; rc == 1; rc = lorkc_it_next(&local)) {
+    if (_lorc_bulk_op(local.key.flags) != LORC_BULKOP_WAITUPDATE) continue;
+    if (strcmp(local.key.path, item->path) == 0)
+      _lorc_req_compound_update_single(request, &local, item);
+    else if ((local.key.flags & LORC_BULKOP_DONE) == 0)
+      missing++;
+  }
+  if (missing != 0) return LORC_BULK_PENDING;
+  lorc_request_set_type_bits(request, LORC_REQ_UPDATES_DONE);
+  return (lorc_request_type(request) & LORC_REQ_SUBJOBS_DONE) ? 0 : LORC_BULK_PENDING;
+}
+
 void lorc_req_compound_keyupd(lorc_client *client, const lorc_key_struct *item) {
   if (client == NULL || item == NULL || item->path == NULL) return;
 
@@ -441,20 +497,20 @@ void lorc_req_compound_keyupd(lorc_client *client, const lorc_key_struct *item) 
       continue;
     }
     lorc_request *request = _lorc_req_of(&ref);
-    lorkc_it local;
-    int missing = 0;
-    int rc = lorkc_it_first(request->u.compound.container, &local);
-    for (; rc == 1; rc = lorkc_it_next(&local)) {
-      if (_lorc_bulk_op(local.key.flags) != LORC_BULKOP_WAITUPDATE) continue;
-      if (strcmp(local.key.path, item->path) == 0)
-        _lorc_req_compound_update_single(request, &local, item);
-      else if ((local.key.flags & LORC_BULKOP_DONE) == 0)
-        missing++;
+    int outcome = LORC_BULK_PENDING;
+    int ended = ref.done != 0;
+    lorc_request_lock();
+    /* A job that has ended (by a failure, or by its collector) has given
+     * its container back to the caller. Bulk jobs are completed on this
+     * thread alone, so the reference tells exactly whether it is done. */
+    if (ended || (lorc_request_type(request) & LORC_REQ_COLLECTED)) {
+      ended = 1;
+    } else {
+      outcome = _lorc_req_compound_update_nolock(request, item);
     }
-    if (missing == 0) {
-      request->type |= LORC_REQ_UPDATES_DONE;
-      if (request->type & LORC_REQ_SUBJOBS_DONE) _lorc_req_compound_finish(client, jobId);
-    }
+    lorc_request_unlock();
+    if (ended) _lorc_waitupd_unlink_free(client, node);
+    _lorc_req_compound_complete(client, jobId, outcome);
     apij_JobRefRelease(client->jobs, &ref);
     node = next;
   }
@@ -465,10 +521,15 @@ void lorc_req_compound_keyupd(lorc_client *client, const lorc_key_struct *item) 
 /*
  * Every way out of a bulk job comes here: an open transaction is ended by
  * sending its end, and the sub-jobs' callback is unregistered, which deletes
- * a sub-job still running.
+ * a sub-job still running. The collector may call this before the job is
+ * done, on any thread: the mark it leaves keeps the client thread's walk
+ * away from the record and the container from then on.
  */
 static int _lorc_req_compound_terminate(lorc_client *client, apij_job_ref *ref) {
   lorc_request *request = _lorc_req_of(ref);
+
+  lorc_request_lock();
+  lorc_request_set_type_bits(request, LORC_REQ_COLLECTED);
   int32_t callbackId = request->u.compound.callbackId;
   if (callbackId > 0) {
     if (request->u.compound.tid > 0) {
@@ -487,6 +548,7 @@ static int _lorc_req_compound_terminate(lorc_client *client, apij_job_ref *ref) 
     }
     request->u.compound.callbackId = 0;
   }
+  lorc_request_unlock();
   return ref->result;
 }
 

@@ -54,23 +54,21 @@ int lorc_req_simple_start(lorc_client *client, lorc_request *request, const char
   return rc;
 }
 
-/* Copies a successful reply's value into the result buffer, allocating it
- * first for the lorc_m_ queries. At most bufferSize - 1 bytes are copied,
- * then a zero byte; the rest of a longer value is cut off. */
-static void _lorc_req_simple_take_value(lorc_client *client, lorc_request *request,
-                                        const loreg_msg *msg) {
+/* Copies a successful reply's value into the result buffer: the caller's,
+ * or for the lorc_m_ queries the one allocated for it (null when that
+ * failed, which fails the job with -12). At most bufferSize - 1 bytes are
+ * copied, then a zero byte; the rest of a longer value is cut off. */
+static void _lorc_req_simple_take_value(lorc_request *request, const loreg_msg *msg,
+                                        void *allocated) {
   uint32_t len = msg->header.len0;
 
-  if (request->type & LORC_REQ_ALLOCATED) {
-    request->u.simple.bufferSize = len + 1u;
-    request->u.simple.buffer = loreg_malloc(client->allocator, request->u.simple.bufferSize);
-    if (request->u.simple.buffer == NULL) {
-      LORC_TASK_LOG(LOREG_LVL_FAIL, "%s(reqid=%d) failed to alloc %u bytes for result\n",
-                    "lorc_req_simple_reply", (int)msg->header.reqid,
-                    (unsigned)request->u.simple.bufferSize);
+  if (lorc_request_type(request) & LORC_REQ_ALLOCATED) {
+    if (allocated == NULL) {
       request->msg.header.result = -ENOMEM;
       return;
     }
+    request->u.simple.bufferSize = len + 1u;
+    request->u.simple.buffer = allocated;
   }
   if (request->u.simple.buffer != NULL && request->u.simple.bufferSize != 0) {
     if (len > request->u.simple.bufferSize - 1u) len = request->u.simple.bufferSize - 1u;
@@ -80,31 +78,86 @@ static void _lorc_req_simple_take_value(lorc_client *client, lorc_request *reque
   }
 }
 
-void lorc_req_simple_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *msg) {
-  lorc_request *request = (lorc_request *)ref->cookie;
-  int32_t result;
+/* Takes a reply into the record, under the request mutex. Returns 1 when
+ * the job is to be completed with *result, 0 when it waits for more
+ * replies, -1 when its collector has given it up (nothing was taken). */
+static int _lorc_req_simple_take_nolock(lorc_request *request, const loreg_msg *msg,
+                                        void *allocated, int32_t *result) {
+  if (lorc_request_type(request) & LORC_REQ_COLLECTED) return -1;
 
   request->msg = *msg;
-  if (msg->header.result == 0) _lorc_req_simple_take_value(client, request, msg);
-
-  if (request->u.simple.pendingReplies != 0) {
-    /* One reply per server: the job ends with the last one, carrying the
-     * first failure among them. */
-    if (request->u.simple.firstError == 0 && request->msg.header.result != 0) {
-      request->u.simple.firstError = request->msg.header.result;
-    }
-    request->u.simple.pendingReplies--;
-    if (request->u.simple.pendingReplies != 0) {
-      request->msg.data0 = NULL;
-      request->msg.data1 = NULL;
-      return;
-    }
-    result = request->u.simple.firstError;
-  } else {
-    result = request->msg.header.result;
+  if (msg->header.result == 0) _lorc_req_simple_take_value(request, msg, allocated);
+  if (request->u.simple.pendingReplies == 0) {
+    *result = request->msg.header.result;
+    return 1;
   }
+  /* One reply per server: the job ends with the last one, carrying the
+   * first failure among them. */
+  if (request->u.simple.firstError == 0 && request->msg.header.result != 0) {
+    request->u.simple.firstError = request->msg.header.result;
+  }
+  request->u.simple.pendingReplies--;
+  if (request->u.simple.pendingReplies != 0) {
+    request->msg.data0 = NULL;
+    request->msg.data1 = NULL;
+    return 0;
+  }
+  *result = request->u.simple.firstError;
+  return 1;
+}
 
-  apij_JobDone(client->jobs, ref->id, result);
+/* Takes a client-allocated result buffer out of the record, for freeing. */
+static void *_lorc_req_simple_take_buffer_nolock(lorc_request *request) {
+  void *buffer = NULL;
+
+  if (lorc_request_type(request) & LORC_REQ_ALLOCATED) {
+    buffer = request->u.simple.buffer;
+    request->u.simple.buffer = NULL;
+  }
+  return buffer;
+}
+
+void lorc_req_simple_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *msg) {
+  lorc_request *request = (lorc_request *)ref->cookie;
+  void *allocated = NULL;
+  int32_t result = 0;
+  int taken;
+
+  /* Simple jobs are completed on this thread alone, so the reference tells
+   * exactly whether this one is done. A further reply (a second server
+   * answering a command that went to all, or a repeated one) is dropped:
+   * the job's collector may be reading the record, and a client-allocated
+   * buffer in it is already the caller's. */
+  if (ref->done) return;
+
+  /* A lorc_m_ query's buffer is allocated before the record is taken, so
+   * that the host's allocator never runs under the request mutex. */
+  if (msg->header.result == 0 && (lorc_request_type(request) & LORC_REQ_ALLOCATED)) {
+    allocated = loreg_malloc(client->allocator, (size_t)msg->header.len0 + 1u);
+    if (allocated == NULL) {
+      LORC_TASK_LOG(LOREG_LVL_FAIL, "%s(reqid=%d) failed to alloc %u bytes for result\n",
+                    "lorc_req_simple_reply", (int)msg->header.reqid,
+                    (unsigned)msg->header.len0 + 1u);
+    }
+  }
+  lorc_request_lock();
+  taken = _lorc_req_simple_take_nolock(request, msg, allocated, &result);
+  lorc_request_unlock();
+  if (taken < 0) {
+    /* Given up by its collector: the caller has its buffer back. */
+    if (allocated != NULL) loreg_free(client->allocator, allocated);
+    return;
+  }
+  if (taken == 0) return;
+
+  if (apij_JobDone(client->jobs, ref->id, result) == -ENOENT) {
+    /* Destroyed meanwhile without being collected: nobody takes a buffer
+     * that the client allocated. */
+    lorc_request_lock();
+    allocated = _lorc_req_simple_take_buffer_nolock(request);
+    lorc_request_unlock();
+    if (allocated != NULL) loreg_free(client->allocator, allocated);
+  }
   /* The value points into the loop's receive buffer. It stayed valid for
    * the completion callback, which ran inside apij_JobDone (a bulk job
    * reads a queried value there); it is not valid after this message. */
@@ -112,14 +165,35 @@ void lorc_req_simple_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *ms
   request->msg.data1 = NULL;
 }
 
+/* The collector gives up a job that is not done: a reply still to come
+ * must not write into the caller's buffer any more, and a buffer that the
+ * client allocated for it goes back. */
+static void _lorc_req_simple_give_up(lorc_client *client, lorc_request *request) {
+  void *buffer;
+
+  lorc_request_lock();
+  lorc_request_set_type_bits(request, LORC_REQ_COLLECTED);
+  buffer = _lorc_req_simple_take_buffer_nolock(request);
+  lorc_request_unlock();
+  if (buffer != NULL) loreg_free(client->allocator, buffer);
+}
+
+/* A lorc_m_ query's buffer becomes the caller's, who frees it with
+ * lorc_m_free. */
+static void _lorc_req_simple_hand_over(const lorc_request *request) {
+  if ((lorc_request_type(request) & LORC_REQ_ALLOCATED) && request->u.simple.bufferOut != NULL) {
+    *request->u.simple.bufferOut = request->u.simple.buffer;
+  }
+}
+
 int lorc_req_simple_postproc(lorc_client *client, apij_job_ref *ref) {
-  const lorc_request *request = (const lorc_request *)ref->cookie;
+  lorc_request *request = (lorc_request *)ref->cookie;
   int32_t result = ref->result;
   int value;
 
-  (void)client;
   if (!ref->done) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(job=%d): not done yet!\n", __func__, (int)ref->id);
+    _lorc_req_simple_give_up(client, request);
     return -EFAULT;
   }
   /* Fields are read one by one: the client thread may still be clearing
@@ -129,9 +203,7 @@ int lorc_req_simple_postproc(lorc_client *client, apij_job_ref *ref) {
       LORC_API_LOG(LOREG_LVL_DETAIL, "Job %d (VALUE_QUERY): result=%d. %u byte(s)\n",
                    (int)ref->id, (int)result, (unsigned)request->u.simple.resultLen);
       value = result != 0 ? result : (int)request->u.simple.resultLen;
-      if ((request->type & LORC_REQ_ALLOCATED) && request->u.simple.bufferOut != NULL) {
-        *request->u.simple.bufferOut = request->u.simple.buffer;
-      }
+      _lorc_req_simple_hand_over(request);
       return value;
     case LOREG_MSG_REPLY_TYPE(LOREG_MSG_KEY_COUNT):
       LORC_API_LOG(LOREG_LVL_DETAIL, "Job %d (KEY_COUNT): result=%d. %d key(s)\n", (int)ref->id,
@@ -145,9 +217,7 @@ int lorc_req_simple_postproc(lorc_client *client, apij_job_ref *ref) {
       if (result == 0 && request->u.simple.keyFlagsOut != NULL) {
         *request->u.simple.keyFlagsOut = request->msg.header.arg0;
       }
-      if ((request->type & LORC_REQ_ALLOCATED) && request->u.simple.bufferOut != NULL) {
-        *request->u.simple.bufferOut = request->u.simple.buffer;
-      }
+      _lorc_req_simple_hand_over(request);
       return value;
     case LOREG_MSG_REPLY_TYPE(LOREG_MSG_TA_START):
       LORC_API_LOG(LOREG_LVL_DETAIL, "Job %d (TRANSACTION_START): result=%d. tid=%d\n",

@@ -26,9 +26,6 @@
 #include "loreg/lstr.h"
 #include "platform/csp_osal.h"
 
-/* Flag bit of a key update that marks a server's root key. */
-#define LORC_KEYF_ROOT 0x20u
-
 /* Renewals and creations come with these reasons; a deletion with 0x5002. */
 static int _lorc_root_is_announcement(uint32_t reason) {
   return reason == LOREG_REASON_KEY_UPDATE || reason == LOREG_REASON_KEY_ADD ||

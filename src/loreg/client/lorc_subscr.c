@@ -30,77 +30,76 @@
 /* An unregistering thread waits this long at a time for the client thread. */
 #define LORC_SUBSCR_REMOVAL_WAIT_SEC 60
 
-/* Flag bits of the key item handed to handlers. */
-#define LORC_KEYF_VALUE 0x04u
-#define LORC_KEYF_DIR 0x08u
-#define LORC_KEYF_ROOT 0x20u
-
-static int _lorc_client_ok(const lorc_client *client) {
-  return client != NULL && client->magic == LORC_MAGIC;
-}
-
-/* Wakes the client thread's loop, which then runs a delivery pass. */
-static int _lorc_subscr_send_idle(lorc_client *client) {
-  loreg_msg msg;
-  memset(&msg, 0, sizeof(msg));
-  msg.header.msgtype = LOREG_MSG_IDLE;
-  return loreg_send_self_notification(client->lmq.client, &msg);
-}
-
 /* --- Public entries ---------------------------------------------------- */
 
-int lorc_notification_register(lorc_client *client, lorc_notify_fn handler, const char *path,
-                               void *cookie) {
-  if (!_lorc_client_ok(client)) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): client not yet initialized.\n",
-              __func__);
+/* The checks shared by register and unregister. A call admitted here
+ * leaves with lorc_client_leave. */
+static int _lorc_subscr_enter(lorc_client *client, lorc_notify_fn handler, const char *caller) {
+  if (lorc_client_enter(client) != 0) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): client not yet initialized.\n", caller);
     return -EFAULT;
   }
   if (handler == NULL) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): no callback routine given.\n", __func__);
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): no callback routine given.\n", caller);
+    lorc_client_leave(client);
     return -EINVAL;
   }
-  return lorc_subscr_register(client, handler, path != NULL ? path : "/", cookie);
+  return 0;
+}
+
+int lorc_notification_register(lorc_client *client, lorc_notify_fn handler, const char *path,
+                               void *cookie) {
+  int rc = _lorc_subscr_enter(client, handler, __func__);
+  if (rc != 0) return rc;
+  rc = lorc_subscr_register(client, handler, path != NULL ? path : "/", cookie);
+  lorc_client_leave(client);
+  return rc;
 }
 
 int lorc_notification_unregister(lorc_client *client, lorc_notify_fn handler, const char *path,
                                  void *cookie) {
-  if (!_lorc_client_ok(client)) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): client not yet initialized.\n",
-              __func__);
-    return -EFAULT;
-  }
-  if (handler == NULL) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): no callback routine given.\n", __func__);
-    return -EINVAL;
-  }
-  return lorc_subscr_unregister(client, handler, path != NULL ? path : "/", cookie);
+  int rc = _lorc_subscr_enter(client, handler, __func__);
+  if (rc != 0) return rc;
+  rc = lorc_subscr_unregister(client, handler, path != NULL ? path : "/", cookie);
+  lorc_client_leave(client);
+  return rc;
 }
 
 int lorc_notification_trigger(lorc_client *client, const char *path, uint32_t filter,
                               int32_t max_rec_level) {
-  if (!_lorc_client_ok(client)) {
+  if (lorc_client_enter(client) != 0) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): client not yet initialized.\n",
               __func__);
     return -EFAULT;
   }
+  int rc = 0;
   if (path == NULL) {
     LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): path missiing.\n", __func__);
-    return -EINVAL;
+    rc = -EINVAL;
+  } else if (strlen(path) > UINT16_MAX) {
+    /* The length travels in 16 bits: a longer path is refused, not cut. */
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): path too long (%lu bytes).\n",
+              __func__, (unsigned long)strlen(path));
+    rc = -EINVAL;
+  } else {
+    /* reqid 0: the servers answer with key updates only, so no job exists. */
+    loreg_msg msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.header.msgtype = LOREG_MSG_KEY_UPDATE_TRIGGER;
+    msg.header.arg0 = filter;
+    msg.header.arg1 = (uint32_t)max_rec_level;
+    msg.header.len1 = (uint16_t)strlen(path);
+    msg.data1 = (char *)(uintptr_t)path;
+    if (loreg_send_command(client->lmq.client, client->lmq.service_id, &msg) != 0) {
+      rc = -EIO;
+    } else {
+      LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_CLIENT_API,
+                "%s('%s', filter=0x%08x, max_rec_level=%d): success\n", __func__, path,
+                (unsigned)filter, (int)max_rec_level);
+    }
   }
-  /* reqid 0: the servers answer with key updates only, so no job exists. */
-  loreg_msg msg;
-  memset(&msg, 0, sizeof(msg));
-  msg.header.msgtype = LOREG_MSG_KEY_UPDATE_TRIGGER;
-  msg.header.arg0 = filter;
-  msg.header.arg1 = (uint32_t)max_rec_level;
-  msg.header.len1 = (uint16_t)strlen(path);
-  msg.data1 = (char *)(uintptr_t)path;
-  if (loreg_send_command(client->lmq.client, client->lmq.service_id, &msg) != 0) return -EIO;
-  LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_CLIENT_API,
-            "%s('%s', filter=0x%08x, max_rec_level=%d): success\n", __func__, path,
-            (unsigned)filter, (int)max_rec_level);
-  return 0;
+  lorc_client_leave(client);
+  return rc;
 }
 
 /* --- Registering ------------------------------------------------------- */
@@ -129,6 +128,15 @@ int lorc_subscr_register(lorc_client *client, lorc_notify_fn handler, const char
     loreg_free(client->allocator, node);
     return -ENOLCK;
   }
+  /* A call admitted just before lorc_shutdown began must not add a node
+   * behind the shutdown's removal of all subscriptions. */
+  if (!lorc_client_valid(client)) {
+    pthread_mutex_unlock(&client->mutex);
+    loreg_free(client->allocator, node);
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_API, "%s(): client not yet initialized.\n",
+              __func__);
+    return -EFAULT;
+  }
   LIST_INSERT_HEAD(&client->subscriptions, node, link);
 
   _cspOsalTime_struct now;
@@ -150,7 +158,7 @@ int lorc_subscr_register(lorc_client *client, lorc_notify_fn handler, const char
    * client thread calls handlers: leave the announcement to its next pass. */
   node->flags |= LORC_SUBSCR_ROOTS_PENDING;
   pthread_mutex_unlock(&client->mutex);
-  int rc = _lorc_subscr_send_idle(client);
+  int rc = lorc_client_send_idle(client);
   if (rc != 0) {
     LOREG_LOG(LOREG_LVL_SEVERE, LOREG_MOD_CLIENT_API,
               "%s() FATAL: failed sending idle notification! (code %d) notification callbacks "
@@ -212,7 +220,7 @@ int lorc_subscr_unregister(lorc_client *client, lorc_notify_fn handler, const ch
             "%s(%s): from external task, wait for (internal) job %d.\n", __func__, path, (int)job);
   pthread_mutex_unlock(&client->mutex);
 
-  int rc = _lorc_subscr_send_idle(client);
+  int rc = lorc_client_send_idle(client);
   if (rc != 0) {
     /* The next key update runs a pass as well, so the wait still ends. */
     LOREG_LOG(LOREG_LVL_SEVERE, LOREG_MOD_CLIENT_API,
@@ -221,10 +229,10 @@ int lorc_subscr_unregister(lorc_client *client, lorc_notify_fn handler, const ch
               __func__, rc);
   }
 
-  int32_t result = 0;
+  /* A wait recorded with the client: lorc_shutdown ends it, also for a
+   * waiter whose job a second unregistering has taken the place of. */
   for (;;) {
-    result = 0;
-    rc = apij_JobResultGet(jobs, job, &result, LORC_SUBSCR_REMOVAL_WAIT_SEC);
+    rc = lorc_client_wait(client, job, NULL, LORC_SUBSCR_REMOVAL_WAIT_SEC);
     if (rc != 0) {
       LOREG_LOG(LOREG_LVL_WARN, LOREG_MOD_CLIENT_API,
                 "%s() WARNING: failed waiting for node removal job %d, (code %d)\n", __func__,
@@ -232,9 +240,7 @@ int lorc_subscr_unregister(lorc_client *client, lorc_notify_fn handler, const ch
     }
     if (rc != -ETIMEDOUT) break;
   }
-  /* A wait ended by the job's destruction (the client shutting down) leaves
-   * nothing to destroy, and the client may be gone already. */
-  if (rc == 0 && result != -ECONNABORTED) apij_JobDestroy(jobs, job);
+  apij_JobDestroy(jobs, job);
   return 0;
 }
 

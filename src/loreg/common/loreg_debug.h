@@ -5,6 +5,9 @@
 #ifndef LOREG_COMMON_LOREG_DEBUG_H
 #define LOREG_COMMON_LOREG_DEBUG_H
 
+#include <stddef.h>
+#include <string.h>
+
 #include "platform/csp_debug.h"
 
 #define LOREG_DEBUG_CHANNEL 0x6Bu
@@ -25,6 +28,13 @@
 #define LOREG_MOD_APIJ 0xC001u
 #define LOREG_MOD_TMRQ 0xC002u
 #define LOREG_MOD_LORKC 0xC003u
+
+/* Lines of the form "file:line:function()" carry the source file's base
+ * name, not the path the build passed in __FILE__. */
+static inline const char *loreg_basename(const char *path) {
+  const char *slash = strrchr(path, '/');
+  return slash != NULL ? slash + 1 : path;
+}
 
 #define LOREG_LOG(level, module, ...)                                               \
   do {                                                                             \

@@ -12,9 +12,9 @@
 #define LORS_IMPORT_MAX_WORDS 4
 
 /* The "%s:%d:%s()" arguments of a line: file, line and function. */
-#define LORS_IMPRT_WHERE _lors_basename(__FILE__), __LINE__, __func__
+#define LORS_IMPRT_WHERE loreg_basename(__FILE__), __LINE__, __func__
 /* The same for a helper that reports on behalf of the function named. */
-#define LORS_IMPRT_WHERE_OF(function) _lors_basename(__FILE__), __LINE__, (function)
+#define LORS_IMPRT_WHERE_OF(function) loreg_basename(__FILE__), __LINE__, (function)
 
 /* One digit of an escape. Digits are not validated: anything up to "9"
  * counts from "0", anything up to "F" from "A", anything above from "a",

@@ -10,13 +10,6 @@
 
 #include "platform/csp_osal.h"
 
-/* Lines in the "file:line:function" form carry the source file's base
- * name, not the path the build passed in __FILE__. */
-static inline const char *_lors_basename(const char *path) {
-  const char *slash = strrchr(path, '/');
-  return slash != NULL ? slash + 1 : path;
-}
-
 /* Texts that may be null go through this, so that a message shows what
  * the C library would print for them without handing it a null "%s". */
 static inline const char *_lors_text(const char *text) { return text != NULL ? text : "(null)"; }

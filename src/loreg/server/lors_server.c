@@ -217,7 +217,7 @@ int lors_init(lors_ctx **handle, const lors_params *params) {
   }
 
   LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s(): lors_init success, root_path='%s'\n",
-            _lors_basename(__FILE__), __LINE__, __func__, LORS_INIT_SUCCESS_ROOT);
+            loreg_basename(__FILE__), __LINE__, __func__, LORS_INIT_SUCCESS_ROOT);
   *handle = server;
   g_loregServerHandle = server;
   return 0;
@@ -312,7 +312,7 @@ void *lors_task_main(void *arg) {
   loreg_loop loop;
 
   LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s():  LOREG server task thread spawned ...\n",
-            _lors_basename(__FILE__), __LINE__, __func__);
+            loreg_basename(__FILE__), __LINE__, __func__);
   memset(&loop, 0, sizeof(loop));
   loop.lmq = &server->lmq;
   loop.on_msg = lors_task_dispatch_msg;
@@ -324,7 +324,7 @@ void *lors_task_main(void *arg) {
   loop.user = server;
   (void)loreg_msgloop(&loop, buffer.bytes);
   LOREG_LOG(LOREG_LVL_DETAIL, LOREG_MOD_SERVER, "%s:%d:%s():  LOREG server task ends.\n",
-            _lors_basename(__FILE__), __LINE__, __func__);
+            loreg_basename(__FILE__), __LINE__, __func__);
   return NULL;
 }
 
