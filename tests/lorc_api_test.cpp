@@ -23,8 +23,8 @@
 #include "platform/csp_debug.h"
 
 using testsupport::ClientFixture;
-using testsupport::ClientServerSpec;
-using testsupport::ClientSpec;
+using testsupport::ServerSetup;
+using testsupport::ClientSetup;
 using testsupport::LogCapture;
 using testsupport::TestAllocator;
 using testsupport::WireClient;
@@ -276,9 +276,9 @@ size_t settled(ClientFixture &f, size_t client, const TestAllocator &alloc) {
 
 TEST_F(LorcApi, ClientAllocatedQueriesAndFree) {
   TestAllocator alloc;
-  ClientSpec spec;
-  spec.allocator = alloc.handle();
-  ASSERT_EQ(f.add_client(spec), 1);
+  ClientSetup setup;
+  setup.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(setup), 1);
   lorc_client *m = f.client(1);
   ASSERT_TRUE(f.wait_roots(1, 1));
   ASSERT_EQ(lorc_value_set(m, 0, "/com/norvi/mdir/key", "hello", 5, kPlain, 5), 0);
@@ -317,9 +317,9 @@ TEST_F(LorcApi, ClientAllocatedQueriesAndFree) {
 
 TEST_F(LorcApi, ClientAllocatedQueryUnderAllocationFailure) {
   TestAllocator alloc;
-  ClientSpec spec;
-  spec.allocator = alloc.handle();
-  ASSERT_EQ(f.add_client(spec), 1);
+  ClientSetup setup;
+  setup.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(setup), 1);
   lorc_client *m = f.client(1);
   ASSERT_TRUE(f.wait_roots(1, 1));
   ASSERT_EQ(lorc_value_set(m, 0, "/com/norvi/oom", "hello", 5, kPlain, 5), 0);
@@ -709,9 +709,9 @@ TEST_F(LorcApi, CancellingADoneJobDropsItsValue) {
 class LorcApiFed : public ::testing::Test {
  protected:
   void SetUp() override {
-    ClientServerSpec spec;
-    spec.own_thread = false;
-    ASSERT_EQ(f.add_server(spec), 0);
+    ServerSetup setup;
+    setup.own_thread = false;
+    ASSERT_EQ(f.add_server(setup), 0);
     ASSERT_EQ(f.add_client(), 0);
     c = f.client();
     ASSERT_TRUE(roots(f, 1));
@@ -821,16 +821,16 @@ TEST_F(LorcApiFed, SendingToAServerThatIsGoneFailsAndDestroysTheJob) {
 
 TEST(LorcApiStore, ThreeRootsCompleteAtTheThirdReplyWithTheSecondsError) {
   ClientFixture f;
-  ClientServerSpec spec;
-  spec.own_thread = false;
-  spec.root_path = "/com/norvi/a";
-  ASSERT_EQ(f.add_server(spec), 0);
-  spec.root_path = "/com/norvi/b";
-  spec.options = 0;  // this one persists, so an active transaction refuses its store
-  ASSERT_EQ(f.add_server(spec), 1);
-  spec.root_path = "/com/norvi/c";
-  spec.options = LORS_OPT_NO_PERSIST;
-  ASSERT_EQ(f.add_server(spec), 2);
+  ServerSetup setup;
+  setup.own_thread = false;
+  setup.root_path = "/com/norvi/a";
+  ASSERT_EQ(f.add_server(setup), 0);
+  setup.root_path = "/com/norvi/b";
+  setup.options = 0;  // this one persists, so an active transaction refuses its store
+  ASSERT_EQ(f.add_server(setup), 1);
+  setup.root_path = "/com/norvi/c";
+  setup.options = LORS_OPT_NO_PERSIST;
+  ASSERT_EQ(f.add_server(setup), 2);
   ASSERT_EQ(f.add_client(), 0);
   lorc_client *c = f.client();
   ASSERT_TRUE(roots(f, 3));
@@ -864,9 +864,9 @@ TEST(LorcApiStore, ThreeRootsCompleteAtTheThirdReplyWithTheSecondsError) {
 TEST(LorcApiStore, ReloadWithThreeRootsEndsWithZeroWhenAllAgree) {
   ClientFixture f;
   for (const char *root : {"/com/norvi/a", "/com/norvi/b", "/com/norvi/c"}) {
-    ClientServerSpec spec;
-    spec.root_path = root;
-    ASSERT_GE(f.add_server(spec), 0);
+    ServerSetup setup;
+    setup.root_path = root;
+    ASSERT_GE(f.add_server(setup), 0);
   }
   ASSERT_EQ(f.add_client(), 0);
   ASSERT_TRUE(f.wait_roots(0, 3));
@@ -937,9 +937,9 @@ TEST(LorcApiNoServer, ExpiredSynchronousCallLeavesNoJobAndItsLateReplyIsDropped)
 TEST(LorcApiNoServer, FurtherReplyForADoneJobChangesNothing) {
   TestAllocator alloc;
   ClientFixture f;
-  ClientSpec spec;
-  spec.allocator = alloc.handle();
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   Swallower swallower(f.lmq());
   size_t before = settled(f, 0, alloc);
@@ -999,9 +999,9 @@ struct CancellingAllocator {
 TEST(LorcApiNoServer, ReplyForAJobCancelledMeanwhileLeavesNoBuffer) {
   CancellingAllocator alloc;
   ClientFixture f;
-  ClientSpec spec;
-  spec.allocator = &alloc.handle;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.allocator = &alloc.handle;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   alloc.client = c;
   Swallower swallower(f.lmq());
@@ -1128,9 +1128,9 @@ TEST(LorcApiNoServer, ReplyForAJobGivenUpLeavesTheCallersBufferAlone) {
 TEST(LorcApiNoServer, ReplyTakenWhileTheJobIsGivenUpLeavesNoBuffer) {
   TestAllocator alloc;
   ClientFixture f;
-  ClientSpec spec;
-  spec.allocator = alloc.handle();
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   Swallower swallower(f.lmq());
   size_t before = settled(f, 0, alloc);
@@ -1254,9 +1254,9 @@ TEST(LorcApiNoServer, FailedSendIsReturnedAndTheJobDestroyed) {
 TEST(LorcApiNoServer, JobCreationFailureGivesMinus12) {
   TestAllocator alloc;
   ClientFixture f;
-  ClientSpec spec;
-  spec.allocator = alloc.handle();
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(setup), 0);
   LogCapture log;
   size_t before = alloc.live_blocks();
   alloc.fail_at(1);
@@ -1274,9 +1274,9 @@ TEST(LorcApiNoServer, JobCreationFailureGivesMinus12) {
 TEST(LorcApiNoServer, TimerJobCreationFailureOfTheTimerDestroysTheJob) {
   TestAllocator alloc;
   ClientFixture f;
-  ClientSpec spec;
-  spec.allocator = alloc.handle();
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(setup), 0);
   LogCapture log;
   size_t before = alloc.live_blocks();
   alloc.fail_at(2);  // the job's node, then the timer's

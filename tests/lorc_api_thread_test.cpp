@@ -22,8 +22,8 @@
 #include "support/test_allocator.h"
 
 using testsupport::ClientFixture;
-using testsupport::ClientServerSpec;
-using testsupport::ClientSpec;
+using testsupport::ServerSetup;
+using testsupport::ClientSetup;
 using testsupport::TestAllocator;
 
 namespace {
@@ -202,13 +202,13 @@ TEST(LorcApiThreads, EveryJobReachesExactlyOneCollector) {
   Ledger ledger;
   {
     ClientFixture f;
-    ClientServerSpec server;
+    ServerSetup server;
     server.queue_kib = 1024;
     ASSERT_EQ(f.add_server(server), 0);
-    ClientSpec spec;
-    spec.allocator = alloc.handle();
-    spec.queue_kib = 1024;
-    ASSERT_EQ(f.add_client(spec), 0);
+    ClientSetup setup;
+    setup.allocator = alloc.handle();
+    setup.queue_kib = 1024;
+    ASSERT_EQ(f.add_client(setup), 0);
     lorc_client *c = f.client();
     ASSERT_TRUE(f.wait_roots(0, 1));
     int callbackId = lorc_job_cb_register(c, on_job, &ledger);

@@ -27,8 +27,8 @@ namespace {
 
 using testsupport::BulkKeys;
 using testsupport::ClientFixture;
-using testsupport::ClientServerSpec;
-using testsupport::ClientSpec;
+using testsupport::ServerSetup;
+using testsupport::ClientSetup;
 using testsupport::LogCapture;
 using testsupport::SpyHost;
 using testsupport::TestAllocator;
@@ -46,7 +46,7 @@ struct Rig {
   lorc_client *c = nullptr;
   explicit Rig(const loreg_allocator *allocator = nullptr) {
     EXPECT_EQ(f.add_server(), 0);
-    ClientSpec options;
+    ClientSetup options;
     options.allocator = allocator;
     EXPECT_EQ(f.add_client(options), 0);
     c = f.client();
@@ -649,7 +649,7 @@ TEST(LorcBulkAlloc, EveryAllocationFailureEndsTheJobWithENOMEM) {
 TEST(LorcBulkServers, EverySubJobGoesToItsOwnerAndTheSecondEchoIsIgnored) {
   LogCapture log;
   ClientFixture f;
-  ClientServerSpec a, b;
+  ServerSetup a, b;
   a.root_path = "/com/norvi/a";
   b.root_path = "/com/norvi/b";
   ASSERT_EQ(f.add_server(a), 0);

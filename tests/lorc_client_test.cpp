@@ -22,8 +22,8 @@
 #include "support/wire_client.h"
 
 using testsupport::ClientFixture;
-using testsupport::ClientServerSpec;
-using testsupport::ClientSpec;
+using testsupport::ServerSetup;
+using testsupport::ClientSetup;
 using testsupport::LogCapture;
 using testsupport::TestAllocator;
 using testsupport::WireClient;
@@ -177,9 +177,9 @@ TEST(LorcClientInit, NormalModeRunsLorcmainWithItsHooks) {
   ClientFixture f;
   int before = threads_named("lorcmain");
   LogCapture log;
-  ClientSpec spec;
-  spec.hooks = &h;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.hooks = &h;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   EXPECT_TRUE(ClientFixture::wait_until([&] { return threads_named("lorcmain") == before + 1; }));
   EXPECT_TRUE(log.has_line("lorc_init(): success\n"));
@@ -225,9 +225,9 @@ TEST(LorcClientInit, SystemMessagesReachTheHookOnTheClientThread) {
   HookLog hooks;
   lorc_hooks h = make_hooks(&hooks, 0);
   ClientFixture f;
-  ClientSpec spec;
-  spec.hooks = &h;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.hooks = &h;
+  ASSERT_EQ(f.add_client(setup), 0);
   LogCapture log;
   ASSERT_EQ(f.add_server(), 0);  // a host appears: the client is told
   ASSERT_TRUE(f.wait_roots(0, 1));
@@ -245,9 +245,9 @@ TEST(LorcClientShutdown, RefusesAClientWithoutMagic) {
 
 TEST(LorcClientShutdown, ExternalModeHasNoThreadToJoin) {
   ClientFixture f;
-  ClientSpec spec;
-  spec.external = true;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.external = true;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   EXPECT_EQ(c->lmq.queue, nullptr);
   EXPECT_EQ(c->lmq.client, f.external_lmq_client(0));
@@ -264,10 +264,10 @@ TEST(LorcClientShutdown, FreesEverythingAndWakesNobodyLeftBehind) {
   {
     ClientFixture f;
     ASSERT_EQ(f.add_server(), 0);
-    ClientSpec spec;
-    spec.allocator = alloc.handle();
-    spec.hooks = &h;
-    ASSERT_EQ(f.add_client(spec), 0);
+    ClientSetup setup;
+    setup.allocator = alloc.handle();
+    setup.hooks = &h;
+    ASSERT_EQ(f.add_client(setup), 0);
     lorc_client *c = f.client();
     ASSERT_TRUE(f.wait_roots(0, 1));  // a root node
     ASSERT_GT(lorc_job_cb_register(c, [](lorc_client *, int32_t, int32_t, int32_t, void *) {},
@@ -411,9 +411,9 @@ TEST(LorcClientIdleTimer, PeriodOfOneAndAHalfSeconds) {
   HookLog hooks;
   lorc_hooks h = make_hooks(&hooks, 1500);
   ClientFixture f;
-  ClientSpec spec;
-  spec.hooks = &h;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.hooks = &h;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   ASSERT_GT(c->idleTimerId, 0);
   tmrq_info info{};
@@ -445,9 +445,9 @@ TEST(LorcClientDispatch, NormalModeClientRefusesFeedingAndNothingChanges) {
   HookLog hooks;
   lorc_hooks h = make_hooks(&hooks, 0);
   ClientFixture f;
-  ClientSpec spec;
-  spec.hooks = &h;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.hooks = &h;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   int job = lorc_job_create_timer(c, 60000, 5, 0);
   ASSERT_GT(job, 0);
@@ -480,10 +480,10 @@ TEST(LorcClientDispatch, ExternalModeIsFedByTheCallersThread) {
   lorc_hooks h = make_hooks(&hooks, 0);
   ClientFixture f;
   ASSERT_EQ(f.add_server(), 0);
-  ClientSpec spec;
-  spec.external = true;
-  spec.hooks = &h;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.external = true;
+  setup.hooks = &h;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   EXPECT_EQ(c->thread, pthread_t{});
   // Nothing happens until the caller feeds the client: then the server's
@@ -514,10 +514,10 @@ TEST(LorcClientDispatch, HostPresenceIsAnsweredWithARootKeyQuery) {
   HookLog hooks;
   lorc_hooks h = make_hooks(&hooks, 0);
   ClientFixture f;
-  ClientSpec spec;
-  spec.external = true;
-  spec.hooks = &h;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.external = true;
+  setup.hooks = &h;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   Swallower host(f.lmq());
   LogCapture log;
@@ -546,9 +546,9 @@ TEST(LorcClientDispatch, HostPresenceIsAnsweredWithARootKeyQuery) {
 
 TEST(LorcClientDispatch, NeitherTypeBitGives201AndStillServesTimers) {
   ClientFixture f;
-  ClientSpec spec;
-  spec.external = true;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.external = true;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   int job = lorc_job_create_timer(c, 100, 77, 0);
   ASSERT_GT(job, 0);
@@ -568,9 +568,9 @@ TEST(LorcClientDispatch, NeitherTypeBitGives201AndStillServesTimers) {
 
 TEST(LorcClientDispatch, ReplyOfATimedOutJobIsDroppedAndTimersAreServed) {
   ClientFixture f;
-  ClientSpec spec;
-  spec.external = true;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.external = true;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   Swallower host(f.lmq());
   LogCapture log;
@@ -730,9 +730,9 @@ TEST(LorcClientKeyUpdate, RootsFirstThenBulkJobsThenSubscribers) {
   lorc_client *c = f.client();
   ASSERT_EQ(lorc_notification_register(c, on_update, "/com/norvi/a/", &seen), 0);
   LogCapture log;
-  ClientServerSpec spec;
-  spec.root_path = "/com/norvi/a";
-  ASSERT_EQ(f.add_server(spec), 0);
+  ServerSetup setup;
+  setup.root_path = "/com/norvi/a";
+  ASSERT_EQ(f.add_server(setup), 0);
   ASSERT_TRUE(f.wait_roots(0, 1));
   ASSERT_TRUE(ClientFixture::wait_until([&] {
     std::lock_guard<std::mutex> lock(seen.mutex);

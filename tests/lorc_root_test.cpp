@@ -22,8 +22,8 @@ namespace {
 
 using testsupport::BulkKeys;
 using testsupport::ClientFixture;
-using testsupport::ClientServerSpec;
-using testsupport::ClientSpec;
+using testsupport::ServerSetup;
+using testsupport::ClientSetup;
 using testsupport::complete_job;
 using testsupport::inject_key_update;
 using testsupport::LogCapture;
@@ -38,16 +38,16 @@ void advance_seconds(int64_t sec, int32_t usec = 0) {
   ASSERT_EQ(cspOsalTestAdvanceUptime(&delta), 0);
 }
 
-ClientSpec external_client(const loreg_allocator *allocator = nullptr) {
-  ClientSpec options;
+ClientSetup external_client(const loreg_allocator *allocator = nullptr) {
+  ClientSetup options;
   options.external = true;
   options.allocator = allocator;
   return options;
 }
 
-ClientServerSpec server_spec(const char *root, bool own_thread = true,
+ServerSetup server_spec(const char *root, bool own_thread = true,
                              uint32_t options = LORS_OPT_NO_PERSIST) {
-  ClientServerSpec server;
+  ServerSetup server;
   server.root_path = root;
   server.own_thread = own_thread;
   server.options = options;

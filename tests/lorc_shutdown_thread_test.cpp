@@ -23,7 +23,7 @@ namespace {
 
 using testsupport::BulkKeys;
 using testsupport::ClientFixture;
-using testsupport::ClientSpec;
+using testsupport::ClientSetup;
 using testsupport::LogCapture;
 using testsupport::SpyHost;
 using testsupport::TestAllocator;
@@ -52,9 +52,9 @@ TEST(LorcShutdownThread, CallsWaitingForTheirJobsWakeAndLeaveFirst) {
   LogCapture log;
   ClientFixture f;
   SpyHost host(f.lmq());  // takes every command and answers none
-  ClientSpec spec;
-  spec.allocator = alloc.handle();
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.allocator = alloc.handle();
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   BulkKeys keys;
   ASSERT_EQ(keys.add("/com/norvi/b", LORC_BULKOP_SET | kSet, "1"), 0);
@@ -137,9 +137,9 @@ TEST(LorcShutdownThread, CallInTheMiddleOfItsWorkEndsBeforeTheClientGoes) {
   HoldingAllocator alloc;
   LogCapture log;
   ClientFixture f;
-  ClientSpec spec;
-  spec.allocator = &alloc.handle;
-  ASSERT_EQ(f.add_client(spec), 0);
+  ClientSetup setup;
+  setup.allocator = &alloc.handle;
+  ASSERT_EQ(f.add_client(setup), 0);
   lorc_client *c = f.client();
   struct Release {
     HoldingAllocator &a;

@@ -28,7 +28,7 @@
 namespace {
 
 using testsupport::ClientFixture;
-using testsupport::ClientSpec;
+using testsupport::ClientSetup;
 using testsupport::inject_key_update;
 using testsupport::LogCapture;
 using testsupport::NotifyRecorder;
@@ -37,15 +37,15 @@ using testsupport::TestAllocator;
 
 constexpr uint32_t kSet = 0x30400;  // create key and directories, apply the value
 
-ClientSpec external_client(const loreg_allocator *allocator = nullptr) {
-  ClientSpec options;
+ClientSetup external_client(const loreg_allocator *allocator = nullptr) {
+  ClientSetup options;
   options.external = true;
   options.allocator = allocator;
   return options;
 }
 
-ClientSpec threaded_client(const loreg_allocator *allocator = nullptr) {
-  ClientSpec options;
+ClientSetup threaded_client(const loreg_allocator *allocator = nullptr) {
+  ClientSetup options;
   options.allocator = allocator;
   return options;
 }
@@ -517,7 +517,7 @@ TEST(LorcSubscrRemoval, UnregisterInsideOwnHandlerReturnsAtOnce) {
 TEST(LorcSubscrRemoval, UnregisterInsideHandlerStopsTheRootsAnnouncement) {
   LogCapture log;
   ClientFixture f;
-  testsupport::ClientServerSpec a, b;
+  testsupport::ServerSetup a, b;
   a.root_path = "/com/norvi/a";
   b.root_path = "/com/norvi/b";
   ASSERT_EQ(f.add_server(a), 0);

@@ -31,7 +31,7 @@ void deliver_client_sysmsg(void *context, uint32_t type, uint32_t subtype, int16
 }  // namespace
 
 struct ClientFixture::Server {
-  ClientServerSpec spec;
+  ServerSetup setup;
   TempDir dir;
   std::string file0;
   std::string file1;
@@ -45,7 +45,7 @@ struct ClientFixture::Server {
 };
 
 struct ClientFixture::Client {
-  ClientSpec spec;
+  ClientSetup setup;
   lorc_client *ctx = nullptr;
   // External mode: the lmq client handed to lorc_init.
   lmq_client lmq{};
@@ -70,30 +70,30 @@ ClientFixture::~ClientFixture() {
 
 // --- Servers ------------------------------------------------------------
 
-int ClientFixture::add_server(const ClientServerSpec &spec) {
+int ClientFixture::add_server(const ServerSetup &setup) {
   auto s = std::make_unique<Server>();
-  s->spec = spec;
+  s->setup = setup;
   s->file0 = s->dir.file("loreg0.dat");
   s->file1 = s->dir.file("loreg1.dat");
   s->fio = g_lors_default_fio;
   s->fio.file0 = s->file0.c_str();
   s->fio.file1 = s->file1.c_str();
 
-  std::string root = spec.root_path != nullptr ? spec.root_path : LORS_DEFAULT_ROOT_PATH;
+  std::string root = setup.root_path != nullptr ? setup.root_path : LORS_DEFAULT_ROOT_PATH;
   if (!root.empty() && root.front() != '/') root.insert(root.begin(), '/');
   if (!root.empty() && root.back() == '/') root.pop_back();
   s->root = root;
 
   lors_params params{};
-  params.allocator = spec.allocator;
+  params.allocator = setup.allocator;
   params.lmq_server = m_lmq;
-  params.queue_kib = spec.queue_kib;
-  params.root_path = spec.root_path;
-  params.options = spec.options;
+  params.queue_kib = setup.queue_kib;
+  params.root_path = setup.root_path;
+  params.options = setup.options;
   params.fio = &s->fio;
-  params.commit_delay_final = spec.commit_delay_final;
-  params.commit_delay_intermediate = spec.commit_delay_intermediate;
-  if (!spec.own_thread) {
+  params.commit_delay_final = setup.commit_delay_final;
+  params.commit_delay_intermediate = setup.commit_delay_intermediate;
+  if (!setup.own_thread) {
     s->queue.resize(256 * 1024);
     if (lmqClientInit(&s->lmq, s->queue.data(), static_cast<uint32_t>(s->queue.size())) != 0 ||
         lmqServerAddClient(m_lmq, &s->lmq) != 0) {
@@ -151,7 +151,7 @@ int ClientFixture::stop_server(size_t index) {
 
 size_t ClientFixture::pump_server(size_t index) {
   Server &s = *m_servers.at(index);
-  if (s.ctx == nullptr || s.spec.own_thread) return 0;
+  if (s.ctx == nullptr || s.setup.own_thread) return 0;
   size_t n = 0;
   std::vector<unsigned char> buffer(kBufferSize);
   for (;;) {
@@ -181,16 +181,16 @@ int ClientFixture::running_servers() const {
 
 // --- Clients ------------------------------------------------------------
 
-int ClientFixture::add_client(const ClientSpec &spec) {
+int ClientFixture::add_client(const ClientSetup &setup) {
   auto c = std::make_unique<Client>();
-  c->spec = spec;
+  c->setup = setup;
   lorc_init_params params{};
-  params.allocator = spec.allocator;
+  params.allocator = setup.allocator;
   params.lmqServer = m_lmq;
-  params.rcvQueueKBytes = spec.queue_kib;
-  params.hooks = spec.hooks;
-  if (spec.external) {
-    c->queue.resize((spec.queue_kib != 0 ? spec.queue_kib : 16) * 1024);
+  params.rcvQueueKBytes = setup.queue_kib;
+  params.hooks = setup.hooks;
+  if (setup.external) {
+    c->queue.resize((setup.queue_kib != 0 ? setup.queue_kib : 16) * 1024);
     if (lmqClientInit(&c->lmq, c->queue.data(), static_cast<uint32_t>(c->queue.size())) != 0 ||
         lmqServerAddClient(m_lmq, &c->lmq) != 0) {
       ADD_FAILURE() << "lmq client of an external client";
@@ -281,7 +281,7 @@ void ClientFixture::advance_uptime(uint64_t ms) {
   EXPECT_EQ(cspOsalTestAdvanceUptime(&delta), 0);
   for (size_t i = 0; i < m_servers.size(); i++) {
     Server &s = *m_servers[i];
-    if (s.ctx == nullptr || s.spec.own_thread) continue;
+    if (s.ctx == nullptr || s.setup.own_thread) continue;
     _cspOsalTime_struct next = CSP_OSAL_TIME_NEG_INFINITY;
     lors_task_dispatch_timeout(s.ctx, &next);
     pump_server(i);

@@ -55,7 +55,7 @@
 
 namespace testsupport {
 
-struct ClientServerSpec {
+struct ServerSetup {
   const char *root_path = "/com/norvi";  // null: the server's default root
   uint32_t options = LORS_OPT_NO_PERSIST;  // LORS_OPT_*
   bool own_thread = true;                  // false: fed by pump_server()
@@ -65,7 +65,7 @@ struct ClientServerSpec {
   uint32_t commit_delay_intermediate = 0;
 };
 
-struct ClientSpec {
+struct ClientSetup {
   const loreg_allocator *allocator = nullptr;
   const lorc_hooks *hooks = nullptr;  // copied by lorc_init
   bool external = false;              // true: no thread, fed by pump_client()
@@ -84,7 +84,7 @@ class ClientFixture {
 
   // --- Servers --------------------------------------------------------
   // Starts a server; returns its index (0, 1, ...) or lors_init's error.
-  int add_server(const ClientServerSpec &spec = ClientServerSpec());
+  int add_server(const ServerSetup &setup = ServerSetup());
   lors_ctx *server(size_t index = 0);
   size_t server_count() const { return m_servers.size(); }
   // Files of the server's repository (in its own temporary directory).
@@ -100,7 +100,7 @@ class ClientFixture {
 
   // --- Clients --------------------------------------------------------
   // Starts a client; returns its index or lorc_init's error.
-  int add_client(const ClientSpec &spec = ClientSpec());
+  int add_client(const ClientSetup &setup = ClientSetup());
   lorc_client *client(size_t index = 0);
   size_t client_count() const { return m_clients.size(); }
   // lorc_shutdown; returns its result (0 if it was stopped already).
