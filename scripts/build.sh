@@ -17,10 +17,12 @@ while [ $# -gt 0 ]; do
   esac
 done
 
+# Sanitizer builds are unoptimised: they compile faster, keep every frame
+# in the reports, and avoid the optimiser's false warnings under -Werror.
 case "$sanitize" in
   "") dir=build ;;
-  address) dir=build-asan ;;
-  thread) dir=build-tsan ;;
+  address) dir=build-asan; build_type=Debug ;;
+  thread) dir=build-tsan; build_type=Debug ;;
   *) echo "build.sh: --sanitize takes address or thread" >&2; exit 2 ;;
 esac
 [ "$build_type" = Release ] && [ -z "$sanitize" ] && dir=build-release
