@@ -3,9 +3,11 @@
 //
 // BM_LorcValueSetSync / BM_LorcValueQuerySync: the benchmark's thread
 // calls lorc_value_set (20-byte path, 10-byte value) or lorc_value_query
-// synchronously; the server ("lorsmain", LORS_OPT_NO_PERSIST) answers, and
-// the client thread ("lorcmain") completes the job. A set also makes the
-// server broadcast a key update, which the client thread handles too.
+// synchronously; the server ("lorsmain", LORS_OPT_NO_PERSIST) answers. A
+// query's reply finds the client thread ("lorcmain") idle and is completed
+// by the server's thread (the idle reply path); a set makes the server
+// broadcast a key update first, which the client thread handles, so its
+// reply is completed by the client thread after the update.
 //
 // BM_RawLmqRoundTrip/<request>/<reply>: two threads and lmq alone, with
 // messages of the sizes that the registry sends for a set (92 and 62

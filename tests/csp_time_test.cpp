@@ -120,6 +120,31 @@ TEST(CspTime, TestHookRefusesToGoBackwards) {
   EXPECT_EQ(cspOsalTestAdvanceUptime(nullptr), -22);
 }
 
+TEST(CspTime, TestHookRefusesMoreThanAHundredYearsAndKeepsTheClock) {
+  _cspOsalTime_struct before{}, after{}, diff{};
+  cspOsalGetUptime(&before);
+  _cspOsalTime_struct huge = T(INT64_MAX / 2, 0);
+  EXPECT_EQ(cspOsalTestAdvanceUptime(&huge), -22);
+  _cspOsalTime_struct century = T(3155760001LL, 0);
+  EXPECT_EQ(cspOsalTestAdvanceUptime(&century), -22);
+  cspOsalGetUptime(&after);
+  cspOsalSubtractTime3(&diff, &after, &before);
+  EXPECT_LT(diff.sec, 60) << "a refused move leaves the clock alone";
+}
+
+TEST(CspTime, TestHookMovesByMicroseconds) {
+  _cspOsalTime_struct before{}, after{}, diff{};
+  cspOsalGetUptime(&before);
+  _cspOsalTime_struct delta = T(0, 2500000);  // normalised to 2.5 s
+  ASSERT_EQ(cspOsalTestAdvanceUptime(&delta), 0);
+  cspOsalGetUptime(&after);
+  cspOsalSubtractTime3(&diff, &after, &before);
+  EXPECT_GE(diff.sec * 1000000 + diff.usec, 2500000);
+  EXPECT_LT(diff.sec, 60);
+  EXPECT_GE(after.usec, 0);
+  EXPECT_LT(after.usec, 1000000);
+}
+
 TEST(CspTime, ListenerTableRefusesNullAndOverflow) {
   auto listener = [](void *) {};
   EXPECT_EQ(cspOsalUptimeListenerAdd(nullptr, nullptr), -22);

@@ -1097,6 +1097,17 @@ class LogGate {
   std::condition_variable m_cond;
 };
 
+// Answers a value query from a thread of its own. A reply that reaches an
+// idle client is handled in the replying thread, so a gate on the reply's
+// log lines must not hold the test's thread.
+std::future<int> send_reply_in_own_thread(Swallower &swallower, const WireMessage &request,
+                                          int job, const char *value) {
+  return std::async(std::launch::async, [&swallower, request, job, value] {
+    return swallower.wire().send_to(request.info.reply, 0x1001, static_cast<uint32_t>(job), 0, 0x04,
+                                    0, value, "");
+  });
+}
+
 TEST(LorcApiNoServer, ReplyForAJobGivenUpLeavesTheCallersBufferAlone) {
   ClientFixture f;
   ASSERT_EQ(f.add_client(), 0);
@@ -1113,12 +1124,11 @@ TEST(LorcApiNoServer, ReplyForAJobGivenUpLeavesTheCallersBufferAlone) {
     // the job up before the reply is taken. Once lorc_job_cancel has
     // returned, the buffer is the caller's again.
     LogGate gate({"lorc_onReply(job=" + S(job) + ")\n"});
-    ASSERT_EQ(swallower.wire().send_to(request->info.reply, 0x1001, static_cast<uint32_t>(job), 0,
-                                       0x04, 0, "written", ""),
-              0);
+    std::future<int> sent = send_reply_in_own_thread(swallower, *request, job, "written");
     ASSERT_TRUE(gate.wait_held(0));
     EXPECT_EQ(lorc_job_cancel(c, job), 0);
     gate.release(0);
+    EXPECT_EQ(sent.get(), 0);
     ASSERT_TRUE(f.sync_client(0));
   }
   EXPECT_STREQ(buffer, "untouched");
@@ -1146,9 +1156,7 @@ TEST(LorcApiNoServer, ReplyTakenWhileTheJobIsGivenUpLeavesNoBuffer) {
     // for it.
     LogGate gate({"lorc_onReply(job=" + S(job) + ")\n",
                   "lorc_req_simple_postproc(job=" + S(job) + "): not done yet!\n"});
-    ASSERT_EQ(swallower.wire().send_to(request->info.reply, 0x1001, static_cast<uint32_t>(job), 0,
-                                       0x04, 0, "late value", ""),
-              0);
+    std::future<int> sent = send_reply_in_own_thread(swallower, *request, job, "late value");
     ASSERT_TRUE(gate.wait_held(0));
     std::future<int> cancel =
         std::async(std::launch::async, [&] { return lorc_job_cancel(c, job); });
@@ -1157,6 +1165,7 @@ TEST(LorcApiNoServer, ReplyTakenWhileTheJobIsGivenUpLeavesNoBuffer) {
     EXPECT_TRUE(gate.wait_line("_apij_JobDone_nolock(" + S(job) + "), result=0\n"));
     gate.release(1);
     EXPECT_EQ(cancel.get(), 0);
+    EXPECT_EQ(sent.get(), 0);
     ASSERT_TRUE(f.sync_client(0));
   }
   EXPECT_EQ(value, nullptr);

@@ -90,9 +90,10 @@ CSP_EXPORT int cspOsalUptimeListenerAdd(cspOsalUptimeListener fn, void *context)
 CSP_EXPORT int cspOsalUptimeListenerRemove(cspOsalUptimeListener fn, void *context);
 
 /*
- * Test hook: moves the uptime clock forward by *delta (negative deltas are
- * refused with -22) and calls every registered listener, so that waits
- * measured on the uptime clock see the new time at once. Returns 0.
+ * Test hook: moves the uptime clock forward by *delta (negative deltas and
+ * deltas of more than a hundred years are refused with -22) and calls every
+ * registered listener, so that waits measured on the uptime clock see the
+ * new time at once. Returns 0.
  */
 CSP_EXPORT int cspOsalTestAdvanceUptime(const _cspOsalTime_struct *delta);
 

@@ -312,6 +312,33 @@ CSP_EXPORT int lmqClientRelease(lmq_client *client);
  * Returns 0, -22, -2 (not attached). */
 CSP_EXPORT int lmqClientAddress(const lmq_client *client, lmq_address *address);
 
+/*
+ * Idle reply handler. A reply (kind LMQ_KIND_REPLY) of at most
+ * LMQ_IDLE_REPLY_MAX bytes that reaches the client while its receiving
+ * thread is blocked in lmqCXReceive with nothing queued is first offered
+ * to handler, in the thread that delivers it (the replying thread, or the
+ * bus thread for a reply from another process), after lmq has let go of
+ * its own locks. Until the handler returns, the receiving thread stays
+ * blocked and whatever else arrives queues up behind the offered reply,
+ * so the order of messages is kept: everything the receiver was sent
+ * before the reply has been received and handled, and nothing after it
+ * is. The handler gets a private copy of the message in a buffer of
+ * buffer_size bytes (at least one more than size) that it may change,
+ * and returns 1 when it has dealt with the message, which then never
+ * reaches the queue, or 0 to have it received as usual.
+ *
+ * This saves a thread switch when a reply only has to wake a thread that
+ * waits for it. The handler must not call lmq and must not wait for the
+ * receiving thread. Set it before the receiving thread starts; a null
+ * handler switches the offers off. lmqServerRemoveClient waits for an
+ * offer that is running. Returns 0, or -22 for an invalid client.
+ */
+#define LMQ_IDLE_REPLY_MAX 1024u
+typedef int (*lmq_idle_reply_fn)(void *context, void *message, uint32_t size,
+                                 uint32_t buffer_size, const lmq_address *from);
+CSP_EXPORT int lmqClientSetIdleReplyHandler(lmq_client *client, lmq_idle_reply_fn handler,
+                                            void *context);
+
 /* --- Sending: each gathers count entries into one message ------------ */
 
 /* The vector's entries are copied, in order, into each receiver's queue

@@ -3,6 +3,7 @@
 #include <regex>
 
 #include "platform/csp_debug.h"
+#include "support/thread_state.h"
 
 namespace testsupport {
 
@@ -26,7 +27,7 @@ void LogCapture::sink(void *context, uint32_t channel, uint32_t level, uint32_t 
                       const char *text) {
   auto *self = static_cast<LogCapture *>(context);
   std::lock_guard<std::mutex> lock(self->m_mutex);
-  self->m_lines.push_back(LogLine{channel, level, module, text});
+  self->m_lines.push_back(LogLine{channel, level, module, text, current_tid()});
 }
 
 std::vector<LogLine> LogCapture::lines() const {

@@ -7,6 +7,8 @@
 #ifndef TESTS_SUPPORT_LOG_CAPTURE_H
 #define TESTS_SUPPORT_LOG_CAPTURE_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -19,6 +21,7 @@ struct LogLine {
   uint32_t level;
   uint32_t module;
   std::string text;
+  pid_t tid;  // kernel id of the thread that printed it
 };
 
 class LogCapture {

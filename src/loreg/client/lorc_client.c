@@ -19,6 +19,7 @@
 #include "common/loreg_debug.h"
 #include "loreg/loreg_msgloop.h"
 #include "loreg/lstr.h"
+#include "messaging/loreg_msg_check.h"
 #include "platform/csp_thread.h"
 
 #define LORC_API_LOG(level, ...) LOREG_LOG((level), LOREG_MOD_CLIENT_API, __VA_ARGS__)
@@ -74,7 +75,8 @@ void lorc_client_leave(lorc_client *client) {
 
 /* Ends a wait that shutdown does not let run: the job is destroyed unless
  * it is done, which wakes its waiters with -103. Jobs are completed only on
- * the client thread, which has ended by then, so "done" cannot change. */
+ * the client thread, or for it while it waits for messages; it has ended
+ * by then, so "done" cannot change. */
 static void _lorc_wait_abort_nolock(lorc_client *client, int32_t jobId) {
   apij_job_ref ref;
   int done;
@@ -146,6 +148,9 @@ static void _lorc_init_unwind(lorc_client *client, uint32_t progress) {
 
 /* Starts "lorcmain" with explicit scheduling, so that the thread does not
  * take over the scheduling parameters of whoever called lorc_init. */
+static int _lorc_idle_reply(void *context, void *message, uint32_t size, uint32_t bufferSize,
+                            const lmq_address *from);
+
 static int _lorc_thread_start(lorc_client *client) {
   pthread_attr_t attr;
   int rc;
@@ -279,6 +284,7 @@ int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
   }
 
   if (client->lmqClient == NULL) {
+    (void)lmqClientSetIdleReplyHandler(client->lmq.client, _lorc_idle_reply, client);
     rc = _lorc_thread_start(client);
     if (rc != 0) {
       _lorc_init_unwind(client, progress);
@@ -468,6 +474,42 @@ static void _lorc_onReply(lorc_client *client, loreg_msg *msg) {
                   "lorc_onReply", (int)jobId, (unsigned)type);
   }
   apij_JobRefRelease(client->jobs, &ref);
+}
+
+/*
+ * Offered by lmq in the replying thread while "lorcmain" waits for messages
+ * with none queued: everything sent to this client before the reply has
+ * been handled, and the client thread stays blocked until this returns.
+ * The reply of a simple job without callback only has to reach its job,
+ * whose collector (a waiting caller, or lorc_job_get_result) runs on an
+ * application thread; completing it here spares the client thread's
+ * wake-up on the way. Replies that involve a callback, which must run on
+ * the client thread, and anything unusual go the normal way, so that the
+ * loop logs what it has to.
+ */
+static int _lorc_idle_reply(void *context, void *message, uint32_t size, uint32_t bufferSize,
+                            const lmq_address *from) {
+  lorc_client *client = (lorc_client *)context;
+  lmq_rx_info info;
+  loreg_msg msg;
+  apij_job_ref ref;
+  int taken = 0;
+
+  if (from->service_id != client->lmq.service_id) return 0;
+  memset(&info, 0, sizeof(info));
+  info.size = size;
+  info.reply = *from;
+  if (loreg_msg_check(&msg, message, bufferSize, &info, 1) != 0) return 0;
+  if ((msg.header.msgtype & LOREG_MSG_REPLY_BIT) == 0) return 0;
+  if (apij_JobRefGet(client->jobs, (int32_t)msg.header.reqid, &ref) <= 0) return 0;
+  if (ref.callbackId < 1 && (lorc_request_type((const lorc_request *)ref.cookie) &
+                             LORC_REQ_KIND_MASK) == LORC_REQ_SIMPLE) {
+    LORC_TASK_LOG(LOREG_LVL_TRACE, "%s(job=%d)\n", "lorc_onReply", (int)ref.id);
+    lorc_req_simple_reply(client, &ref, &msg);
+    taken = 1;
+  }
+  apij_JobRefRelease(client->jobs, &ref);
+  return taken;
 }
 
 void lorc_onKeyUpdate(lorc_client *client, loreg_msg *msg, const lmq_rx_info *rxInfo) {

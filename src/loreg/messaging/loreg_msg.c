@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "common/loreg_debug.h"
+#include "messaging/loreg_msg_check.h"
 
 _Static_assert(sizeof(loreg_Header_t) == 32, "loreg_Header_t is 32 bytes on the wire");
 _Static_assert(offsetof(loreg_Header_t, reserved1) == 28, "loreg_Header_t field layout");
@@ -155,8 +156,14 @@ int loreg_send_self_notification(lmq_client *client, const loreg_msg *msg) {
   return _loreg_send(_LOREG_SEND_SELF, __func__, client, -1, NULL, msg);
 }
 
-int loreg_validate_msg(loreg_msg *msg, void *buffer, uint32_t buffer_size,
-                       const lmq_rx_info *info) {
+/* Logs a reason for refusing a message unless the check is a quiet one. */
+#define LOREG_CHECK_LOG(quiet, ...)                                    \
+  do {                                                                 \
+    if (!(quiet)) LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, __VA_ARGS__); \
+  } while (0)
+
+int loreg_msg_check(loreg_msg *msg, void *buffer, uint32_t buffer_size, const lmq_rx_info *info,
+                    int quiet) {
   lmq_msg_header lmq_header;
   void *payload = NULL;
   unsigned char *body;
@@ -167,31 +174,31 @@ int loreg_validate_msg(loreg_msg *msg, void *buffer, uint32_t buffer_size,
   if (msg == NULL) return -22;
   rc = lmqMessageHeaderValidate(&payload, info, buffer, buffer_size);
   if (rc != 0) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): lmqMessageHeaderValidate() failed. (code %d)\n",
-              __func__, rc);
+    LOREG_CHECK_LOG(quiet, "%s(): lmqMessageHeaderValidate() failed. (code %d)\n",
+              "loreg_validate_msg", rc);
     return rc;
   }
   lmqMessageHeaderToHost(&lmq_header, buffer);
   if ((lmq_header.protocol & 0x7Fu) != LOREG_LMQ_PROTOCOL) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): wrong lmq header protocol (%d)\n", __func__,
+    LOREG_CHECK_LOG(quiet, "%s(): wrong lmq header protocol (%d)\n", "loreg_validate_msg",
               (int)(lmq_header.protocol & 0x7Fu));
     return LOREG_ERR_NOT_REGISTRY;
   }
   if (lmq_header.type != LOREG_LMQ_MSG_TYPE) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): wrong lmq header msg type (0x%08x)\n", __func__,
+    LOREG_CHECK_LOG(quiet, "%s(): wrong lmq header msg type (0x%08x)\n", "loreg_validate_msg",
               (unsigned)lmq_header.type);
     return LOREG_ERR_NOT_REGISTRY;
   }
   if (lmq_header.subtype != LOREG_LMQ_MSG_SUBTYPE) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): wrong lmq header msg subtype (0x%08x)\n",
-              __func__, (unsigned)lmq_header.subtype);
+    LOREG_CHECK_LOG(quiet, "%s(): wrong lmq header msg subtype (0x%08x)\n",
+              "loreg_validate_msg", (unsigned)lmq_header.subtype);
     return LOREG_ERR_NOT_REGISTRY;
   }
 
   body = (unsigned char *)payload;
   rest = info->size - (uint32_t)(body - (unsigned char *)buffer);
   if (rest < LOREG_HEADER_SIZE + LOREG_GUARD_SIZE) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, "%s(): incomplete loreg header + guard\n", __func__);
+    LOREG_CHECK_LOG(quiet, "%s(): incomplete loreg header + guard\n", "loreg_validate_msg");
     return LOREG_ERR_BAD_LENGTHS;
   }
   rest -= LOREG_HEADER_SIZE + LOREG_GUARD_SIZE;
@@ -199,9 +206,9 @@ int loreg_validate_msg(loreg_msg *msg, void *buffer, uint32_t buffer_size,
 
   areas = (uint32_t)msg->header.len0 + msg->header.len1;
   if (areas > rest) {
-    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG,
+    LOREG_CHECK_LOG(quiet,
               "%s(): inconsistent lengths in loreg header (data0=%d, data1=%d, size left=%d)\n",
-              __func__, (int)msg->header.len0, (int)msg->header.len1, (int)rest);
+              "loreg_validate_msg", (int)msg->header.len0, (int)msg->header.len1, (int)rest);
     return LOREG_ERR_BAD_LENGTHS;
   }
 
@@ -217,9 +224,14 @@ int loreg_validate_msg(loreg_msg *msg, void *buffer, uint32_t buffer_size,
     msg->data1[msg->header.len1] = 0;
     return 0;
   }
-  LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG,
-            "%s(): single additional spare byte missing in recv-buffer\n", __func__);
+  LOREG_CHECK_LOG(quiet,
+            "%s(): single additional spare byte missing in recv-buffer\n", "loreg_validate_msg");
   return LOREG_ERR_BAD_LENGTHS;
+}
+
+int loreg_validate_msg(loreg_msg *msg, void *buffer, uint32_t buffer_size,
+                       const lmq_rx_info *info) {
+  return loreg_msg_check(msg, buffer, buffer_size, info, 0);
 }
 
 const char *lorc_get_reason_txt(uint32_t code) {

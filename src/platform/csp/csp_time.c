@@ -8,9 +8,12 @@
 
 const _cspOsalTime_struct CSP_OSAL_TIME_NEG_INFINITY = {INT64_MIN, 0};
 
-/* The uptime clock's test offset, moved only forwards by the test hook. */
-static pthread_mutex_t g_uptime_mutex = PTHREAD_MUTEX_INITIALIZER;
-static _cspOsalTime_struct g_uptime_offset;
+/* The uptime clock's test offset in microseconds, moved only forwards by
+ * the test hook. One atomic word: every timed wait reads the clock, and a
+ * lock here would be taken several times per message. */
+static int64_t g_uptime_offset_usec;
+/* Largest single move of the test hook: a hundred years. */
+#define CSP_UPTIME_ADVANCE_MAX_SEC 3155760000LL
 
 /* Listeners of the test hook. Called under g_listener_mutex, so that a
  * listener that was removed is never running after the removal returns. */
@@ -44,10 +47,11 @@ int cspOsalGetTime(_cspOsalTime_struct *t) { return _csp_read_clock(CLOCK_REALTI
 int cspOsalGetUptime(_cspOsalTime_struct *t) {
   int rc = _csp_read_clock(CLOCK_MONOTONIC, t);
   if (rc != 0) return rc;
-  pthread_mutex_lock(&g_uptime_mutex);
-  _cspOsalTime_struct offset = g_uptime_offset;
-  pthread_mutex_unlock(&g_uptime_mutex);
-  cspOsalAddTime(t, t, &offset);
+  int64_t offset = __atomic_load_n(&g_uptime_offset_usec, __ATOMIC_ACQUIRE);
+  if (offset != 0) {
+    _cspOsalTime_struct shift = {offset / USEC_PER_SEC, (int32_t)(offset % USEC_PER_SEC)};
+    cspOsalAddTime(t, t, &shift);
+  }
   return 0;
 }
 
@@ -138,10 +142,8 @@ int cspOsalTestAdvanceUptime(const _cspOsalTime_struct *delta) {
   if (delta == NULL) return -EINVAL;
   _cspOsalTime_struct d = *delta;
   cspOsalNormalizeTime(&d);
-  if (d.sec < 0) return -EINVAL;
-  pthread_mutex_lock(&g_uptime_mutex);
-  cspOsalAddTime(&g_uptime_offset, &g_uptime_offset, &d);
-  pthread_mutex_unlock(&g_uptime_mutex);
+  if (d.sec < 0 || d.sec > CSP_UPTIME_ADVANCE_MAX_SEC) return -EINVAL;
+  __atomic_fetch_add(&g_uptime_offset_usec, d.sec * USEC_PER_SEC + d.usec, __ATOMIC_ACQ_REL);
 
   pthread_mutex_lock(&g_listener_mutex);
   for (int i = 0; i < CSP_UPTIME_LISTENERS_MAX; i++) {

@@ -21,6 +21,14 @@
  * that mutex, so the receiver's mutex and condition stay valid until the
  * sender lets go, also while it signals after unlocking the receiver.
  *
+ * Idle replies. A reply for a receiver that waits with nothing queued may
+ * be held back for the receiver's idle reply handler: it is queued, marked
+ * as offered (the receiver takes nothing while the mark stands), copied,
+ * and after the sender has let go of the server mutex handed to the
+ * handler (lmq_offer_run). Running the handler without lmq's mutexes keeps
+ * its own locks out of lmq's lock order. Removing and releasing a client
+ * wait for the mark to go, so the receiver stays valid meanwhile.
+ *
  * The uptime listener is called by csp, possibly with a lock of csp held,
  * and takes the server mutex and the client mutexes. So lmq never calls
  * into csp's clock or listener table while holding one of its mutexes:
@@ -309,26 +317,100 @@ static void _lmq_client_detach_nolock(lmq_server *server, _lmq_client_rec *rec) 
 
 /* --- Delivery -------------------------------------------------------- */
 
+/* Whether the message just queued, the only one, goes to the target's
+ * idle reply handler first: a reply of offerable size for a receiver that
+ * waits in lmqCXReceive. Client mutex held. */
+static int _lmq_offerable_nolock(const _lmq_client_rec *target, const lmq_address *reply,
+                                 uint32_t size) {
+  return target->idle_reply != NULL && reply->kind == LMQ_KIND_REPLY && target->waiting &&
+         !target->offering && target->queue.entries == 1 && size <= LMQ_IDLE_REPLY_MAX;
+}
+
+/* Holds the queued reply back for the handler: the receiver does not see
+ * the queue until lmq_offer_run. Client mutex held. */
+static void _lmq_offer_hold_nolock(lmq_offer *offer, _lmq_client_rec *target,
+                                   const lmq_address *reply, const lmq_iovec *vector,
+                                   uint32_t count, uint32_t size) {
+  uint32_t at = 0;
+  uint32_t i;
+
+  for (i = 0; i < count; i++) {
+    if (vector[i].len == 0) continue;
+    memcpy(offer->bytes + at, vector[i].base, vector[i].len);
+    at += vector[i].len;
+  }
+  offer->bytes[size] = 0;
+  offer->target = target;
+  offer->handler = target->idle_reply;
+  offer->context = target->idle_reply_context;
+  offer->from = *reply;
+  offer->size = size;
+  target->offering = 1;
+}
+
 /*
  * Queues one message of size bytes for target and wakes its receiver if
  * it waits. The condition is signalled after the target's mutex is
  * released, so the woken receiver does not block on it at once; this is
  * safe because the caller holds the server mutex (see the top of this
  * file), or, with signal_locked, is done under the target's mutex for a
- * client that need not be attached. Returns 0, -90 or -105.
+ * client that need not be attached. A reply for an idle receiver with an
+ * idle reply handler is held back in *offer instead, if offer is given.
+ * Returns 0, -90 or -105.
  */
 int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iovec *vector,
-                uint32_t count, uint32_t size, int signal_locked) {
+                uint32_t count, uint32_t size, int signal_locked, lmq_offer *offer) {
   int rc;
   int wake;
 
   pthread_mutex_lock(&target->mutex);
   rc = lmq_queue_put(&target->queue, reply, vector, count, size);
   wake = rc == 0 && target->waiting;
+  if (wake && offer != NULL && _lmq_offerable_nolock(target, reply, size)) {
+    _lmq_offer_hold_nolock(offer, target, reply, vector, count, size);
+    wake = 0;
+  }
   if (wake && signal_locked) pthread_cond_signal(&target->cond);
   pthread_mutex_unlock(&target->mutex);
   if (wake && !signal_locked) pthread_cond_signal(&target->cond);
   return rc;
+}
+
+/*
+ * The held-back reply is still the head of the queue: the receiver takes
+ * nothing while offering is set. Once the handler has answered, the reply
+ * leaves the queue or stays for the receiver, and a receiver with
+ * messages to take, or a thread waiting for the offer's end, is woken.
+ * The target stays valid meanwhile: its removal and release wait for
+ * offering to clear.
+ */
+void lmq_offer_run(lmq_offer *offer) {
+  _lmq_client_rec *target = offer->target;
+  int taken;
+
+  if (target == NULL) return;
+  offer->target = NULL;
+  taken = offer->handler(offer->context, offer->bytes, offer->size, (uint32_t)sizeof(offer->bytes),
+                         &offer->from) == 1;
+  pthread_mutex_lock(&target->mutex);
+  if (taken) lmq_queue_drop(&target->queue, offer->size);
+  target->offering = 0;
+  if (target->offer_waiters > 0 || (target->waiting && target->queue.entries > 0)) {
+    pthread_cond_broadcast(&target->cond);
+  }
+  pthread_mutex_unlock(&target->mutex);
+}
+
+/* Waits until no offer runs for the client. Called once the client is
+ * detached, so that no new offer can start. */
+static void _lmq_offer_wait_end(_lmq_client_rec *rec) {
+  pthread_mutex_lock(&rec->mutex);
+  while (rec->offering) {
+    rec->offer_waiters++;
+    pthread_cond_wait(&rec->cond, &rec->mutex);
+    rec->offer_waiters--;
+  }
+  pthread_mutex_unlock(&rec->mutex);
 }
 
 /* Queues a system message for target about the other client of a new
@@ -356,7 +438,7 @@ void lmq_send_sysmsg_nolock(_lmq_client_rec *target, uint32_t peer_node, uint32_
   _lmq_make_address(&reply, peer_node, peer_client, service_id, LMQ_KIND_SYSTEM, 0);
   entry.base = bytes;
   entry.len = LMQ_SYSMSG_SIZE;
-  rc = lmq_deliver(target, &reply, &entry, 1, LMQ_SYSMSG_SIZE, 0);
+  rc = lmq_deliver(target, &reply, &entry, 1, LMQ_SYSMSG_SIZE, 0, NULL);
   if (rc < 0) {
     LMQ_LOG(LMQ_LVL_FAIL,
             "%s(): system message 0x%08x for service %d dropped, client %u cannot take it "
@@ -411,7 +493,7 @@ static int _lmq_deliver_all_nolock(const _lmq_members *members, const lmq_addres
   uint32_t i;
 
   for (i = 0; i < members->count; i++) {
-    int rc = lmq_deliver(members->items[i], reply, vector, count, size, 0);
+    int rc = lmq_deliver(members->items[i], reply, vector, count, size, 0, NULL);
     if (rc < 0 && first == 0) first = rc;
   }
   return first;
@@ -578,6 +660,7 @@ int lmqServerRemoveClient(lmq_server *server, lmq_client *client) {
     if (server->bus != NULL) lmq_bus_client_removed_nolock(server, number);
   }
   pthread_mutex_unlock(&server->mutex);
+  if (rc == 0) _lmq_offer_wait_end(rec);
   return rc;
 }
 
@@ -753,11 +836,24 @@ int lmqClientRelease(lmq_client *client) {
   _lmq_client_rec *rec = _lmq_rec(client);
 
   if (rec == NULL || _lmq_attached_server(rec) != NULL) return -EINVAL;
+  _lmq_offer_wait_end(rec);
   rec->magic = 0;
   lmq_queue_clear(&rec->queue);
   pthread_cond_destroy(&rec->cond);
   pthread_mutex_destroy(&rec->mutex);
   memset(client, 0, sizeof(*client));
+  return 0;
+}
+
+int lmqClientSetIdleReplyHandler(lmq_client *client, lmq_idle_reply_fn handler,
+                                 void *context) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+
+  if (rec == NULL) return -EINVAL;
+  pthread_mutex_lock(&rec->mutex);
+  rec->idle_reply = handler;
+  rec->idle_reply_context = context;
+  pthread_mutex_unlock(&rec->mutex);
   return 0;
 }
 
@@ -790,10 +886,12 @@ int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *
   _lmq_client_rec *target;
   lmq_server *server;
   lmq_address reply;
+  lmq_offer offer;
   uint32_t size;
   int rc;
 
   if (address == NULL) return -EINVAL;
+  offer.target = NULL;
   rc = _lmq_gather_size(vector, count, flags, &size);
   if (rc < 0) return rc;
   rc = _lmq_sender_lock(client, &rec, &server);
@@ -806,7 +904,7 @@ int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *
     } else {
       _lmq_make_address(&reply, server->node, rec->number, address->service_id, LMQ_KIND_REPLY,
                         _lmq_next_sequence(rec));
-      rc = lmq_deliver(target, &reply, vector, count, size, 0);
+      rc = lmq_deliver(target, &reply, vector, count, size, 0, &offer);
     }
   } else if (server->bus != NULL && lmq_bus_knows_client_nolock(server, address)) {
     _lmq_make_address(&reply, server->node, rec->number, address->service_id, LMQ_KIND_REPLY,
@@ -816,6 +914,7 @@ int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *
     rc = -EHOSTUNREACH;
   }
   pthread_mutex_unlock(&server->mutex);
+  lmq_offer_run(&offer);
   return rc;
 }
 
@@ -836,7 +935,7 @@ int lmqCXNotifySelf(lmq_client *client, const lmq_iovec *vector, uint32_t count,
   server = _lmq_attached_server(rec);
   _lmq_make_address(&reply, server != NULL ? server->node : 0, _lmq_number(rec), -1,
                     LMQ_KIND_SELF, _lmq_next_sequence(rec));
-  return lmq_deliver(rec, &reply, vector, count, size, 1);
+  return lmq_deliver(rec, &reply, vector, count, size, 1, NULL);
 }
 
 /* --- Receiving ------------------------------------------------------- */
@@ -856,6 +955,12 @@ static void _lmq_wait_until(struct timespec *until, const _cspOsalTime_struct *r
   }
 }
 
+/* Whether the receiver may take the head of its queue: there is one, and
+ * it is not being offered to the idle reply handler. */
+static int _lmq_ready_nolock(const _lmq_client_rec *rec) {
+  return rec->queue.entries > 0 && !rec->offering;
+}
+
 /*
  * Waits, with the client mutex held, until the queue holds a message or
  * the uptime clock reaches *deadline (null: no deadline). Returns 0 with
@@ -870,7 +975,7 @@ static int _lmq_wait_nolock(_lmq_client_rec *rec, const _cspOsalTime_struct *dea
     uint32_t seen;
     int rc;
 
-    if (rec->queue.entries > 0) return 0;
+    if (_lmq_ready_nolock(rec)) return 0;
     if (deadline == NULL) {
       rec->waiting = 1;
       pthread_cond_wait(&rec->cond, &rec->mutex);
@@ -883,7 +988,7 @@ static int _lmq_wait_nolock(_lmq_client_rec *rec, const _cspOsalTime_struct *dea
     rc = cspOsalGetUptime(&now);
     pthread_mutex_lock(&rec->mutex);
     if (rc < 0) return rc;
-    if (rec->queue.entries > 0) return 0;
+    if (_lmq_ready_nolock(rec)) return 0;
     /* The clock moved while it was read: read it again. */
     if (seen != rec->wakeups) continue;
     if (cspOsalCompareTime(&now, deadline) >= 0) return LMQ_TIMEOUT;

@@ -202,6 +202,9 @@ struct lmq_bus {
   int reg_done;
   int32_t reg_result;
   int16_t reg_id;
+  /* Bus thread only: a reply held back for a local client's idle reply
+   * handler while a frame is handled, run once the server mutex is free. */
+  lmq_offer offer;
 };
 
 /* --- Small helpers ------------------------------------------------------ */
@@ -755,15 +758,16 @@ static void _lmq_bus_pair_nolock(lmq_bus *bus, const _lmq_service *service, uint
 /* --- Messages ---------------------------------------------------------------- */
 
 /* Delivers a message that came over the bus to one local client; a queue
- * without room drops it, logged. */
+ * without room drops it, logged. A reply may be held back in *offer (null:
+ * never). */
 static void _lmq_bus_deliver_one(_lmq_client_rec *target, const lmq_address *from,
-                                 const lmq_frame *frame) {
+                                 const lmq_frame *frame, lmq_offer *offer) {
   lmq_iovec entry;
   int rc;
 
   entry.base = (void *)(uintptr_t)frame->tail;
   entry.len = frame->tail_len;
-  rc = lmq_deliver(target, from, &entry, 1, frame->tail_len, 0);
+  rc = lmq_deliver(target, from, &entry, 1, frame->tail_len, 0, offer);
   if (rc < 0) {
     LMQ_LOG(LMQ_LVL_FAIL,
             "%s(): message of %u bytes from node %u dropped, client %u cannot take it "
@@ -781,7 +785,9 @@ static void _lmq_bus_deliver_local_nolock(const _lmq_service *service, const lmq
       from->kind == LMQ_KIND_COMMAND ? &service->hosts : &service->subscribers;
   uint32_t i;
 
-  for (i = 0; i < members->count; i++) _lmq_bus_deliver_one(members->items[i], from, frame);
+  for (i = 0; i < members->count; i++) {
+    _lmq_bus_deliver_one(members->items[i], from, frame, NULL);
+  }
 }
 
 /*
@@ -1149,7 +1155,7 @@ static int _lmq_bus_hub_message_nolock(lmq_bus *bus, _lmq_bus_conn *conn,
     from.kind = LMQ_KIND_REPLY;
     if (frame->node == server->node) {
       _lmq_client_rec *target = lmq_client_find_nolock(server, frame->client);
-      if (target != NULL) _lmq_bus_deliver_one(target, &from, frame);
+      if (target != NULL) _lmq_bus_deliver_one(target, &from, frame, &bus->offer);
       return 0;
     }
     if (_lmq_bus_reply_nolock(bus, frame->node, frame->client, &from, &entry, 1, frame->tail_len,
@@ -1288,7 +1294,7 @@ static int _lmq_bus_peer_message_nolock(lmq_bus *bus, const lmq_frame *frame) {
     if (frame->node != server->node) return -EBADMSG;
     from.kind = LMQ_KIND_REPLY;
     target = lmq_client_find_nolock(server, frame->client);
-    if (target != NULL) _lmq_bus_deliver_one(target, &from, frame);
+    if (target != NULL) _lmq_bus_deliver_one(target, &from, frame, &bus->offer);
   } else {
     _lmq_service *service = lmq_service_lookup_nolock(server, frame->service_id);
     from.kind = frame->type == LMQ_FRAME_COMMAND ? LMQ_KIND_COMMAND : LMQ_KIND_NOTIFY;
@@ -1455,6 +1461,7 @@ static void _lmq_bus_receive(lmq_bus *bus, _lmq_bus_conn *conn, int do_read) {
                ? _lmq_bus_hub_frame_nolock(bus, conn, &frame, why, sizeof(why))
                : _lmq_bus_peer_frame_nolock(bus, conn, &frame, why, sizeof(why));
       pthread_mutex_unlock(&bus->server->mutex);
+      lmq_offer_run(&bus->offer);
     }
     if (rc == LMQ_BUS_WAIT) {
       conn->stalled = 1;

@@ -76,6 +76,12 @@ struct _lmq_client_rec {
   uint32_t received;      /* messages taken; receiving thread only */
   uint32_t waiting;       /* receiver blocked on cond; client mutex */
   uint32_t wakeups;       /* uptime clock moves seen; client mutex */
+  uint32_t offering;      /* the head of the queue is offered to the idle
+                             reply handler; client mutex */
+  uint32_t offer_waiters; /* threads waiting for an offer to end; client
+                             mutex */
+  lmq_idle_reply_fn idle_reply;  /* client mutex */
+  void *idle_reply_context;      /* client mutex */
   lmq_queue queue;        /* client mutex */
   pthread_mutex_t mutex;
   pthread_cond_t cond;    /* on CLOCK_MONOTONIC */
@@ -97,12 +103,31 @@ struct lmq_server {
   _lmq_service *services[LMQ_BUCKETS];
 };
 
+/* A reply that lmq_deliver queued and holds back for the target's idle
+ * reply handler; lmq_offer_run hands it over once the deliverer has let
+ * go of the server mutex. Lives on the deliverer's stack. */
+typedef struct lmq_offer {
+  _lmq_client_rec *target; /* null: nothing offered */
+  lmq_idle_reply_fn handler;
+  void *context;
+  lmq_address from;
+  uint32_t size;
+  unsigned char bytes[LMQ_IDLE_REPLY_MAX + 1u];
+} lmq_offer;
+
 /* --- lmq.c, for the bus ------------------------------------------------- */
 
-/* Queues a message for target and wakes its receiver; see lmq.c. Returns 0,
- * -90 or -105. */
+/* Queues a message for target and wakes its receiver; see lmq.c. With a
+ * non-null offer, a reply for an idle receiver with an idle reply handler
+ * is held back in *offer instead of waking the receiver, and the caller
+ * must call lmq_offer_run after releasing the server mutex. Returns 0, -90
+ * or -105. */
 int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iovec *vector,
-                uint32_t count, uint32_t size, int signal_locked);
+                uint32_t count, uint32_t size, int signal_locked, lmq_offer *offer);
+
+/* Hands a held-back reply to its handler, with no lmq mutex held, then
+ * lets the receiver go on; does nothing when nothing was offered. */
+void lmq_offer_run(lmq_offer *offer);
 
 /* Queues a system message of type for target about the client peer_client
  * of node peer_node; a queue without room drops and logs it. */
