@@ -3,6 +3,8 @@
 // is completed by the replying thread; everything sent to the client
 // before it has been handled by then. Replies of callback jobs, and
 // replies queued behind other messages, go through the client thread.
+// (Key commands to an idle server are also served by the sending thread:
+// see lors_idle_request_thread_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -44,22 +46,47 @@ class IdleReply : public ::testing::Test {
   ClientFixture f;
 };
 
-TEST_F(IdleReply, SynchronousQueryIsCompletedByTheServerThread) {
-  LogCapture log;
-  char buffer[16] = {};
-  int job_before = lorc_job_create_timer(f.client(), 60000, 0, 0);
-  ASSERT_GT(job_before, 0);
-  ASSERT_EQ(lorc_job_cancel(f.client(), job_before), 0);
-  ASSERT_TRUE(testsupport::wait_until_sleeping("lorcmain"));
+// The job id that the client's next job gets: ids count up per client.
+int next_job_id(lorc_client *client) {
+  int job = lorc_job_create_timer(client, 60000, 0, 0);
+  EXPECT_GT(job, 0);
+  EXPECT_EQ(lorc_job_cancel(client, job), 0);
+  EXPECT_TRUE(testsupport::wait_until_sleeping("lorcmain"));
+  return job + 1;
+}
 
+// Acquiring a transaction id is served by "lorsmain" (no key command),
+// and its reply, the only message for the client, then finds the client
+// thread idle and completes the job right there.
+TEST_F(IdleReply, ReplyFromTheServerThreadIsCompletedThere) {
+  LogCapture log;
+  int job = next_job_id(f.client());
+  int tid = lorc_transid_acquire(f.client(), "/com/norvi/k", 5);
+  ASSERT_GT(tid, 0);
+  EXPECT_EQ(reply_thread(log, job), "lorsmain");
+  EXPECT_EQ(lorc_transid_release(f.client(), "/com/norvi/k", tid, 5), 0);
+}
+
+// A value query sent straight to an idle server is served by the calling
+// thread, and so is its reply: no other thread runs for it.
+TEST_F(IdleReply, SynchronousQueryRunsEntirelyInTheCallingThread) {
+  LogCapture log;
+  int job = next_job_id(f.client());
+  char buffer[16] = {};
   ASSERT_EQ(lorc_value_query(f.client(), 0, "/com/norvi/k", buffer, sizeof buffer, 5), 2);
   EXPECT_STREQ(buffer, "v1");
-  // Job ids count up: the query's job came right after the timer job.
-  EXPECT_EQ(reply_thread(log, job_before + 1), "lorsmain");
+  std::string line = "lorc_onReply(job=" + std::to_string(job) + ")\n";
+  bool found = false;
+  for (const auto &l : log.lines()) {
+    if (l.text == line) {
+      found = true;
+      EXPECT_EQ(l.tid, testsupport::current_tid());
+    }
+  }
+  EXPECT_TRUE(found) << log.dump();
 }
 
 TEST_F(IdleReply, AsynchronousJobWithoutCallbackIsCollectedAsBefore) {
-  LogCapture log;
   char buffer[16] = {};
   int job = lorc_value_query(f.client(), 0, "/com/norvi/k", buffer, sizeof buffer, 0);
   ASSERT_GT(job, 0);
@@ -68,8 +95,7 @@ TEST_F(IdleReply, AsynchronousJobWithoutCallbackIsCollectedAsBefore) {
   ASSERT_EQ(lorc_job_get_result(f.client(), job, &result), 0);
   EXPECT_EQ(result, 2);
   EXPECT_STREQ(buffer, "v1");
-  std::string thread = reply_thread(log, job);
-  EXPECT_TRUE(thread == "lorsmain" || thread == "lorcmain") << thread;
+  EXPECT_EQ(lorc_job_get_result(f.client(), job, &result), -2) << "collected once";
 }
 
 TEST_F(IdleReply, CallbackJobIsCompletedOnTheClientThread) {
@@ -153,13 +179,13 @@ TEST_F(IdleReply, ReplyBehindABusyClientThreadGoesThroughIt) {
     gate.open = true;
   });
   char buffer[16] = {};
-  int job_before = lorc_job_create_timer(f.client(), 60000, 0, 0);
-  ASSERT_GT(job_before, 0);
-  ASSERT_EQ(lorc_job_cancel(f.client(), job_before), 0);
+  int job = lorc_job_create_timer(f.client(), 60000, 0, 0);
+  ASSERT_GT(job, 0);
+  ASSERT_EQ(lorc_job_cancel(f.client(), job), 0);
   EXPECT_EQ(lorc_value_query(f.client(), 0, "/com/norvi/k", buffer, sizeof buffer, 5), 2);
   opener.join();
   EXPECT_STREQ(buffer, "v2");
-  EXPECT_EQ(reply_thread(log, job_before + 1), "lorcmain");
+  EXPECT_EQ(reply_thread(log, job + 1), "lorcmain");
   EXPECT_EQ(lorc_notification_unregister(f.client(), handler, "/com/norvi/k", &gate), 0);
 }
 

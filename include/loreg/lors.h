@@ -13,7 +13,12 @@
  * Conventions
  * - Only the server's own thread (or the feeding caller) touches the tree,
  *   the queues, the timers and dirty: none of them has a lock. Only magic
- *   and stop cross threads.
+ *   and stop cross threads. One exception keeps that order: a key command
+ *   (value query, set, key delete, count, key query) sent straight to a
+ *   server whose thread waits for messages with none queued is served by
+ *   the sending thread while "lorsmain" stays blocked (lmq's idle reply
+ *   handler); "lorsmain" then only looks at its timers again, if the
+ *   command moved the first of them forward.
  * - Results are 0 or a negative errno; the registry's -227 refuses a
  *   dispatch. Replies carry -2 (no such key or transaction), -12 (no
  *   memory), -13 (locked, or tid not allowed), -22 (bad arguments). A
@@ -172,6 +177,12 @@ LOREG_EXPORT int lors_task_dispatch_msg(void *server, loreg_msg *msg, const lmq_
 LOREG_EXPORT void lors_task_dispatch_sysmsg(void *server, uint32_t type, uint32_t subtype,
                                             _cspOsalTime_struct *next);
 LOREG_EXPORT void lors_task_dispatch_timeout(void *server, _cspOsalTime_struct *next);
+
+/* Serves one request by its type, without the timers: the body of
+ * lors_task_dispatch_msg. Returns 0, or the registry's -201 for a reply or
+ * notification, which a server does not take. */
+LOREG_EXPORT int lors_task_handle_request(lors_ctx *server, loreg_msg *msg,
+                                          const lmq_rx_info *info);
 
 /* Allocates a root node named "/" with the value (may be null), flagged
  * KEYF_ROOT, and stores it in server->root. Returns 0, or -12 leaving root

@@ -50,7 +50,8 @@
  *                    never blocks, and the queue stays intact)
  *   -113 (EHOSTUNREACH) a command for a service without host, or a reply
  *                    to a client that is gone
- *   -215             lmqCXReceive's timeout ran out
+ *   -215             lmqCXReceive's timeout ran out (or its idle reply
+ *                    handler asked it to look at its timers)
  *
  * Time. Receive timeouts run on the platform's uptime clock, so the clock's
  * test hook (cspOsalTestAdvanceUptime) ends them without real waiting.
@@ -325,10 +326,14 @@ CSP_EXPORT int lmqClientAddress(const lmq_client *client, lmq_address *address);
  * is. The handler gets a private copy of the message in a buffer of
  * buffer_size bytes (at least one more than size) that it may change,
  * and returns 1 when it has dealt with the message, which then never
- * reaches the queue, or 0 to have it received as usual.
+ * reaches the queue, or 0 to have it received as usual. It returns 2 when
+ * it has dealt with it and the receiver should look at its timers again:
+ * the blocked lmqCXReceive then returns LMQ_TIMEOUT once, also one
+ * without timeout (a message that is there first is received instead).
  *
  * This saves a thread switch when a reply only has to wake a thread that
- * waits for it. The handler must not call lmq and must not wait for the
+ * waits for it, or when the receiver's work for it is short. The handler
+ * may send (lmq's own locks are free), but must not wait for the
  * receiving thread. Set it before the receiving thread starts; a null
  * handler switches the offers off. lmqServerRemoveClient waits for an
  * offer that is running. Returns 0, or -22 for an invalid client.

@@ -70,7 +70,9 @@ int loreg_msgloop(loreg_loop *loop, void *buffer) {
 
   while (!_loreg_loop_stopped(loop)) {
     rc = lmqCXReceive(loop->lmq->client, &vector, 1, &info, timeout);
-    if (rc == LMQ_TIMEOUT && timeout != NULL) {
+    if (rc == LMQ_TIMEOUT) {
+      /* Also without a timeout: an idle handler served a message for the
+       * loop and asks it to look at its timers. */
       loop->next = CSP_OSAL_TIME_NEG_INFINITY;
       if (loop->on_timeout != NULL) loop->on_timeout(loop->user, &loop->next);
     } else if (rc < 0) {

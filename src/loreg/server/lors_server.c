@@ -5,6 +5,7 @@
 
 #include "common/loreg_debug.h"
 #include "loreg/loreg_msgloop.h"
+#include "messaging/loreg_msg_check.h"
 #include "loreg/lors_broadcast.h"
 #include "loreg/lors_commands.h"
 #include "loreg/lors_commit.h"
@@ -92,6 +93,65 @@ static void _lors_init_unwind(lors_ctx *server) {
   server->root = NULL;
   __atomic_store_n(&server->magic, 0u, __ATOMIC_RELEASE);
   loreg_free(allocator, server);
+}
+
+/* Key commands short enough to serve in the sending thread: they touch the
+ * tree and send their answers, but neither transactions nor files. */
+static int _lors_served_when_idle(uint16_t msgtype) {
+  switch (msgtype) {
+    case LOREG_MSG_VALUE_QUERY:
+    case LOREG_MSG_VALUE_SET:
+    case LOREG_MSG_KEY_DELETE:
+    case LOREG_MSG_KEY_COUNT:
+    case LOREG_MSG_KEY_QUERY:
+      return 1;
+    default:
+      return 0;
+  }
+}
+
+/* Due time of the first timer; 0 when there is none. */
+static int _lors_first_timer(lors_ctx *server, _cspOsalTime_struct *due) {
+  tmrq_info info;
+  if (tmrq_TimerGet(server->timers, 0, &info) < 0) return 0;
+  *due = info.timeout;
+  return 1;
+}
+
+/*
+ * Offered by lmq in the sending thread while "lorsmain" waits for messages
+ * with none queued; commands sent straight to the server come with the
+ * kind of a reply. "lorsmain" stays blocked until this returns, so the
+ * tree has one user at a time and requests keep their order. A key
+ * command is served here as the loop would serve it, without the timers:
+ * if it made a timer fall due earlier than the first one before (a
+ * delayed commit), "lorsmain" is asked to look at its timers again. The
+ * rest, and a server that is stopping, go the normal way.
+ */
+static int _lors_idle_request(void *context, void *message, uint32_t size, uint32_t bufferSize,
+                              const lmq_address *from) {
+  lors_ctx *server = context;
+  _cspOsalTime_struct before;
+  _cspOsalTime_struct after;
+  int had_timer;
+  lmq_rx_info info;
+  loreg_msg msg;
+
+  if (__atomic_load_n(&server->stop, __ATOMIC_ACQUIRE) != 0) return 0;
+  if (from->service_id != server->lmq.service_id) return 0;
+  memset(&info, 0, sizeof(info));
+  info.size = size;
+  info.reply = *from;
+  if (loreg_msg_check(&msg, message, bufferSize, &info, 1) != 0) return 0;
+  if (!_lors_served_when_idle(msg.header.msgtype)) return 0;
+
+  had_timer = _lors_first_timer(server, &before);
+  (void)lors_task_handle_request(server, &msg, &info);
+  if (_lors_first_timer(server, &after) &&
+      (!had_timer || cspOsalCompareTime(&after, &before) < 0)) {
+    return 2;
+  }
+  return 1;
 }
 
 /* Starts "lorsmain" with a small stack and scheduling of its own rather
@@ -209,6 +269,7 @@ int lors_init(lors_ctx **handle, const lors_params *params) {
   }
 
   if (server->lmq_client == NULL) {
+    (void)lmqClientSetIdleReplyHandler(server->lmq.client, _lors_idle_request, server);
     rc = _lors_start_thread(server);
     if (rc != 0) {
       _lors_init_unwind(server);
@@ -341,9 +402,16 @@ static void _lors_onUnknownReq(const loreg_msg *msg) {
 int lors_task_dispatch_msg(void *user, loreg_msg *msg, const lmq_rx_info *info,
                            _cspOsalTime_struct *next) {
   lors_ctx *server = user;
-  int rc = 0;
+  int rc;
 
   if (server == NULL || msg == NULL || info == NULL || next == NULL) return -22;
+  rc = lors_task_handle_request(server, msg, info);
+  lors_timer_process(server, next);
+  return rc;
+}
+
+int lors_task_handle_request(lors_ctx *server, loreg_msg *msg, const lmq_rx_info *info) {
+  int rc = 0;
 
   switch (msg->header.msgtype) {
     case LOREG_MSG_VALUE_QUERY:
@@ -401,7 +469,6 @@ int lors_task_dispatch_msg(void *user, loreg_msg *msg, const lmq_rx_info *info,
       }
       break;
   }
-  lors_timer_process(server, next);
   return rc;
 }
 

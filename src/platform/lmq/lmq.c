@@ -386,16 +386,18 @@ int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iov
  */
 void lmq_offer_run(lmq_offer *offer) {
   _lmq_client_rec *target = offer->target;
-  int taken;
+  int answer;
 
   if (target == NULL) return;
   offer->target = NULL;
-  taken = offer->handler(offer->context, offer->bytes, offer->size, (uint32_t)sizeof(offer->bytes),
-                         &offer->from) == 1;
+  answer = offer->handler(offer->context, offer->bytes, offer->size,
+                          (uint32_t)sizeof(offer->bytes), &offer->from);
   pthread_mutex_lock(&target->mutex);
-  if (taken) lmq_queue_drop(&target->queue, offer->size);
+  if (answer == 1 || answer == 2) lmq_queue_drop(&target->queue, offer->size);
+  if (answer == 2) target->kick = 1;
   target->offering = 0;
-  if (target->offer_waiters > 0 || (target->waiting && target->queue.entries > 0)) {
+  if (target->offer_waiters > 0 ||
+      (target->waiting && (target->queue.entries > 0 || target->kick))) {
     pthread_cond_broadcast(&target->cond);
   }
   pthread_mutex_unlock(&target->mutex);
@@ -964,7 +966,8 @@ static int _lmq_ready_nolock(const _lmq_client_rec *rec) {
 /*
  * Waits, with the client mutex held, until the queue holds a message or
  * the uptime clock reaches *deadline (null: no deadline). Returns 0 with
- * a message queued, LMQ_TIMEOUT, or the clock's error. Every wake-up,
+ * a message queued, LMQ_TIMEOUT (the deadline, or an idle reply handler
+ * that asked for a look at the timers), or the clock's error. Every wake-up,
  * spurious or not, leads back to the queue and the clock.
  */
 static int _lmq_wait_nolock(_lmq_client_rec *rec, const _cspOsalTime_struct *deadline) {
@@ -975,7 +978,14 @@ static int _lmq_wait_nolock(_lmq_client_rec *rec, const _cspOsalTime_struct *dea
     uint32_t seen;
     int rc;
 
-    if (_lmq_ready_nolock(rec)) return 0;
+    if (_lmq_ready_nolock(rec)) {
+      rec->kick = 0;
+      return 0;
+    }
+    if (rec->kick) {
+      rec->kick = 0;
+      return LMQ_TIMEOUT;
+    }
     if (deadline == NULL) {
       rec->waiting = 1;
       pthread_cond_wait(&rec->cond, &rec->mutex);
@@ -988,7 +998,7 @@ static int _lmq_wait_nolock(_lmq_client_rec *rec, const _cspOsalTime_struct *dea
     rc = cspOsalGetUptime(&now);
     pthread_mutex_lock(&rec->mutex);
     if (rc < 0) return rc;
-    if (_lmq_ready_nolock(rec)) return 0;
+    if (_lmq_ready_nolock(rec) || rec->kick) continue;
     /* The clock moved while it was read: read it again. */
     if (seen != rec->wakeups) continue;
     if (cspOsalCompareTime(&now, deadline) >= 0) return LMQ_TIMEOUT;

@@ -80,6 +80,9 @@ struct _lmq_client_rec {
                              reply handler; client mutex */
   uint32_t offer_waiters; /* threads waiting for an offer to end; client
                              mutex */
+  uint32_t kick;          /* the handler asked the receiver to look at its
+                             timers: its wait ends with LMQ_TIMEOUT; client
+                             mutex */
   lmq_idle_reply_fn idle_reply;  /* client mutex */
   void *idle_reply_context;      /* client mutex */
   lmq_queue queue;        /* client mutex */
