@@ -146,11 +146,11 @@ static void _lorc_init_unwind(lorc_client *client, uint32_t progress) {
   loreg_free(allocator, client);
 }
 
-/* Starts "lorcmain" with explicit scheduling, so that the thread does not
- * take over the scheduling parameters of whoever called lorc_init. */
 static int _lorc_idle_reply(void *context, void *message, uint32_t size, uint32_t bufferSize,
                             const lmq_address *from);
 
+/* Starts "lorcmain" with explicit scheduling, so that the thread does not
+ * take over the scheduling parameters of whoever called lorc_init. */
 static int _lorc_thread_start(lorc_client *client) {
   pthread_attr_t attr;
   int rc;

@@ -125,10 +125,10 @@ void lorc_req_simple_reply(lorc_client *client, apij_job_ref *ref, loreg_msg *ms
 
   /* Simple jobs are completed by one thread at a time (the client thread,
    * or a replying thread while the client thread is held in its receive),
-   * so the reference tells exactly whether this one is done. A further reply (a second server
-   * answering a command that went to all, or a repeated one) is dropped:
-   * the job's collector may be reading the record, and a client-allocated
-   * buffer in it is already the caller's. */
+   * so the reference tells exactly whether this one is done. A further
+   * reply (a second server answering a command that went to all, or a
+   * repeated one) is dropped: the job's collector may be reading the
+   * record, and a client-allocated buffer in it is already the caller's. */
   if (ref->done) return;
 
   /* A lorc_m_ query's buffer is allocated before the record is taken, so

@@ -157,8 +157,8 @@ int loreg_send_self_notification(lmq_client *client, const loreg_msg *msg) {
 }
 
 /* Logs a reason for refusing a message unless the check is a quiet one. */
-#define LOREG_CHECK_LOG(quiet, ...)                                    \
-  do {                                                                 \
+#define LOREG_CHECK_LOG(quiet, ...)                                      \
+  do {                                                                   \
     if (!(quiet)) LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_MSG, __VA_ARGS__); \
   } while (0)
 
@@ -175,23 +175,23 @@ int loreg_msg_check(loreg_msg *msg, void *buffer, uint32_t buffer_size, const lm
   rc = lmqMessageHeaderValidate(&payload, info, buffer, buffer_size);
   if (rc != 0) {
     LOREG_CHECK_LOG(quiet, "%s(): lmqMessageHeaderValidate() failed. (code %d)\n",
-              "loreg_validate_msg", rc);
+                    "loreg_validate_msg", rc);
     return rc;
   }
   lmqMessageHeaderToHost(&lmq_header, buffer);
   if ((lmq_header.protocol & 0x7Fu) != LOREG_LMQ_PROTOCOL) {
     LOREG_CHECK_LOG(quiet, "%s(): wrong lmq header protocol (%d)\n", "loreg_validate_msg",
-              (int)(lmq_header.protocol & 0x7Fu));
+                    (int)(lmq_header.protocol & 0x7Fu));
     return LOREG_ERR_NOT_REGISTRY;
   }
   if (lmq_header.type != LOREG_LMQ_MSG_TYPE) {
     LOREG_CHECK_LOG(quiet, "%s(): wrong lmq header msg type (0x%08x)\n", "loreg_validate_msg",
-              (unsigned)lmq_header.type);
+                    (unsigned)lmq_header.type);
     return LOREG_ERR_NOT_REGISTRY;
   }
   if (lmq_header.subtype != LOREG_LMQ_MSG_SUBTYPE) {
-    LOREG_CHECK_LOG(quiet, "%s(): wrong lmq header msg subtype (0x%08x)\n",
-              "loreg_validate_msg", (unsigned)lmq_header.subtype);
+    LOREG_CHECK_LOG(quiet, "%s(): wrong lmq header msg subtype (0x%08x)\n", "loreg_validate_msg",
+                    (unsigned)lmq_header.subtype);
     return LOREG_ERR_NOT_REGISTRY;
   }
 
@@ -206,9 +206,9 @@ int loreg_msg_check(loreg_msg *msg, void *buffer, uint32_t buffer_size, const lm
 
   areas = (uint32_t)msg->header.len0 + msg->header.len1;
   if (areas > rest) {
-    LOREG_CHECK_LOG(quiet,
-              "%s(): inconsistent lengths in loreg header (data0=%d, data1=%d, size left=%d)\n",
-              "loreg_validate_msg", (int)msg->header.len0, (int)msg->header.len1, (int)rest);
+    LOREG_CHECK_LOG(
+        quiet, "%s(): inconsistent lengths in loreg header (data0=%d, data1=%d, size left=%d)\n",
+        "loreg_validate_msg", (int)msg->header.len0, (int)msg->header.len1, (int)rest);
     return LOREG_ERR_BAD_LENGTHS;
   }
 
@@ -224,8 +224,8 @@ int loreg_msg_check(loreg_msg *msg, void *buffer, uint32_t buffer_size, const lm
     msg->data1[msg->header.len1] = 0;
     return 0;
   }
-  LOREG_CHECK_LOG(quiet,
-            "%s(): single additional spare byte missing in recv-buffer\n", "loreg_validate_msg");
+  LOREG_CHECK_LOG(quiet, "%s(): single additional spare byte missing in recv-buffer\n",
+                  "loreg_validate_msg");
   return LOREG_ERR_BAD_LENGTHS;
 }
 

@@ -5,12 +5,12 @@
 
 #include "common/loreg_debug.h"
 #include "loreg/loreg_msgloop.h"
-#include "messaging/loreg_msg_check.h"
 #include "loreg/lors_broadcast.h"
 #include "loreg/lors_commands.h"
 #include "loreg/lors_commit.h"
 #include "loreg/lors_import.h"
 #include "loreg/lors_tas.h"
+#include "messaging/loreg_msg_check.h"
 #include "platform/csp_thread.h"
 #include "server/lors_private.h"
 
