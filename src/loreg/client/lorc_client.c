@@ -496,10 +496,7 @@ static int _lorc_idle_reply(void *context, void *message, uint32_t size, uint32_
   int taken = 0;
 
   if (from->service_id != client->lmq.service_id) return 0;
-  memset(&info, 0, sizeof(info));
-  info.size = size;
-  info.reply = *from;
-  if (loreg_msg_check(&msg, message, bufferSize, &info, 1) != 0) return 0;
+  if (loreg_msg_check_offered(&msg, &info, message, size, bufferSize, from) != 0) return 0;
   if ((msg.header.msgtype & LOREG_MSG_REPLY_BIT) == 0) return 0;
   if (apij_JobRefGet(client->jobs, (int32_t)msg.header.reqid, &ref) <= 0) return 0;
   if (ref.callbackId < 1 && (lorc_request_type((const lorc_request *)ref.cookie) &

@@ -234,6 +234,14 @@ int loreg_validate_msg(loreg_msg *msg, void *buffer, uint32_t buffer_size,
   return loreg_msg_check(msg, buffer, buffer_size, info, 0);
 }
 
+int loreg_msg_check_offered(loreg_msg *msg, lmq_rx_info *info, void *message, uint32_t size,
+                            uint32_t buffer_size, const lmq_address *from) {
+  memset(info, 0, sizeof(*info));
+  info->size = size;
+  info->reply = *from;
+  return loreg_msg_check(msg, message, buffer_size, info, 1);
+}
+
 const char *lorc_get_reason_txt(uint32_t code) {
   switch (code) {
     case LOREG_REASON_KEY_UPDATE:

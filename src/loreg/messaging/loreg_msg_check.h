@@ -21,6 +21,13 @@ extern "C" {
 int loreg_msg_check(loreg_msg *msg, void *buffer, uint32_t buffer_size, const lmq_rx_info *info,
                     int quiet);
 
+/* The quiet check of a message that lmq offers to an idle reply handler
+ * (size bytes in a buffer of buffer_size, from the address from), with
+ * *info filled as lmqCXReceive would have filled it. Returns 0 or the
+ * check's error. */
+int loreg_msg_check_offered(loreg_msg *msg, lmq_rx_info *info, void *message, uint32_t size,
+                            uint32_t buffer_size, const lmq_address *from);
+
 #ifdef __cplusplus
 }
 #endif

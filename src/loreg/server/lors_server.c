@@ -139,10 +139,7 @@ static int _lors_idle_request(void *context, void *message, uint32_t size, uint3
 
   if (__atomic_load_n(&server->stop, __ATOMIC_ACQUIRE) != 0) return 0;
   if (from->service_id != server->lmq.service_id) return 0;
-  memset(&info, 0, sizeof(info));
-  info.size = size;
-  info.reply = *from;
-  if (loreg_msg_check(&msg, message, bufferSize, &info, 1) != 0) return 0;
+  if (loreg_msg_check_offered(&msg, &info, message, size, bufferSize, from) != 0) return 0;
   if (!_lors_served_when_idle(msg.header.msgtype)) return 0;
 
   had_timer = _lors_first_timer(server, &before);
