@@ -29,6 +29,7 @@
 #include "loreg/lorc.h"
 #include "platform/csp_debug.h"
 #include "platform/lmq.h"
+#include "tool_args.h"
 
 #define CTL_EXIT_OK 0
 #define CTL_EXIT_FAIL 1
@@ -225,24 +226,16 @@ static void _ctl_usage(FILE *out) {
 static int _ctl_usage_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 static int _ctl_usage_error(const char *format, ...) {
   va_list args;
-  fputs("loregctl: ", stderr);
+  int status;
   va_start(args, format);
-  vfprintf(stderr, format, args);
+  status = tool_usage_error("loregctl", CTL_EXIT_USAGE, format, args);
   va_end(args);
-  fputs("\nTry 'loregctl --help' for more information.\n", stderr);
-  return CTL_EXIT_USAGE;
+  return status;
 }
 
 static int _ctl_parse_uint(const char *text, int base, unsigned long long max,
                            unsigned long long *out) {
-  char *end = NULL;
-  unsigned long long value;
-  if (text == NULL || *text == '\0' || *text == '-' || *text == '+') return -EINVAL;
-  errno = 0;
-  value = strtoull(text, &end, base);
-  if (errno != 0 || end == NULL || *end != '\0' || value > max) return -EINVAL;
-  *out = value;
-  return 0;
+  return tool_parse_number(text, base, max, out);
 }
 
 static const ctl_cmd *_ctl_find_command(const char *name) {

@@ -38,6 +38,7 @@
 #include "loreg/lors_fio.h"
 #include "platform/csp_debug.h"
 #include "platform/lmq.h"
+#include "tool_args.h"
 
 #define LOREGD_EXIT_OK 0
 #define LOREGD_EXIT_START 1
@@ -175,24 +176,19 @@ static void _loregd_usage(FILE *out) {
 static int _loregd_usage_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 static int _loregd_usage_error(const char *format, ...) {
   va_list args;
-  fputs("loregd: ", stderr);
+  int status;
   va_start(args, format);
-  vfprintf(stderr, format, args);
+  status = tool_usage_error("loregd", LOREGD_EXIT_USAGE, format, args);
   va_end(args);
-  fputs("\nTry 'loregd --help' for more information.\n", stderr);
-  return LOREGD_EXIT_USAGE;
+  return status;
 }
 
 /* Parses a whole decimal (or, with base 8, octal) number up to max. */
 static int _loregd_parse_u32(const char *text, int base, uint32_t max, uint32_t *out) {
-  char *end = NULL;
   unsigned long long value;
-  if (text == NULL || *text == '\0' || *text == '-' || *text == '+') return -EINVAL;
-  errno = 0;
-  value = strtoull(text, &end, base);
-  if (errno != 0 || end == NULL || *end != '\0' || value > max) return -EINVAL;
-  *out = (uint32_t)value;
-  return 0;
+  int rc = tool_parse_number(text, base, max, &value);
+  if (rc == 0) *out = (uint32_t)value;
+  return rc;
 }
 
 /* A root must be absolute, without empty elements, and free of bytes that
