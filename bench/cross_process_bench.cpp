@@ -46,15 +46,16 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_registry.h"
 #include "loreg/lorc.h"
 #include "platform/lmq.h"
 #include "support/child_process.h"
 
 namespace {
 
-constexpr char kPath[] = "/com/norvi/tuner/snr";  // 20 bytes
-constexpr char kValue[] = "0123456789";           // 10 bytes
-constexpr uint32_t kPlain = 0x30400;
+using benchsupport::kPath;
+using benchsupport::kPlain;
+using benchsupport::kValue;
 
 // A loregd child process and a client of this process on its bus.
 class CrossProcessRegistry {
@@ -72,24 +73,8 @@ class CrossProcessRegistry {
     if (lmqServerCreate(&m_bus) != 0) return;
     _cspOsalTime_struct timeout{10, 0};
     if (lmqServerConnect(m_bus, sock.c_str(), &timeout) != 0) return;
-    lorc_init_params params{};
-    params.lmqServer = m_bus;
-    params.rcvQueueKBytes = 256;
-    if (lorc_init(&m_client, &params) != 0) {
-      m_client = nullptr;
-      return;
-    }
-    // Wait (bounded) until the client sends straight to the server.
-    for (int i = 0; i < 10000; i++) {
-      char path[64];
-      uint32_t flags = 0;
-      if (lorc_root_query(m_client, 0, &flags, path, sizeof path) > 0 &&
-          (flags & LORC_ROOT_STALE) == 0) {
-        m_ok = lorc_value_set(m_client, 0, kPath, kValue, 10, kPlain, 5) == 0;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    m_client = benchsupport::start_ready_client(m_bus, 10000);
+    m_ok = m_client != nullptr;
   }
   ~CrossProcessRegistry() {
     if (m_client != nullptr) lorc_shutdown(m_client);

@@ -31,15 +31,16 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_registry.h"
 #include "loreg/lorc.h"
 #include "loreg/lors.h"
 #include "platform/lmq.h"
 
 namespace {
 
-constexpr char kPath[] = "/com/norvi/tuner/snr";  // 20 bytes
-constexpr char kValue[] = "0123456789";           // 10 bytes
-constexpr uint32_t kPlain = 0x30400;
+using benchsupport::kPath;
+using benchsupport::kPlain;
+using benchsupport::kValue;
 constexpr uint32_t kBufferSize = 0x2000;
 
 // A server with its own thread and a client with its own thread, both on a
@@ -57,24 +58,8 @@ class Registry {
       m_server = nullptr;
       return;
     }
-    lorc_init_params cparams{};
-    cparams.lmqServer = m_lmq;
-    cparams.rcvQueueKBytes = 256;
-    if (lorc_init(&m_client, &cparams) != 0) {
-      m_client = nullptr;
-      return;
-    }
-    // Wait (bounded) until the client sends straight to the server.
-    for (int i = 0; i < 5000; i++) {
-      char path[64];
-      uint32_t flags = 0;
-      if (lorc_root_query(m_client, 0, &flags, path, sizeof path) > 0 &&
-          (flags & LORC_ROOT_STALE) == 0) {
-        m_ok = lorc_value_set(m_client, 0, kPath, kValue, 10, kPlain, 5) == 0;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    m_client = benchsupport::start_ready_client(m_lmq, 5000);
+    m_ok = m_client != nullptr;
   }
   ~Registry() {
     if (m_client != nullptr) lorc_shutdown(m_client);

@@ -20,6 +20,7 @@
 #include "platform/csp_osal.h"
 #include "platform/lmq.h"
 #include "support/bus_fixture.h"
+#include "support/stamped_message.h"
 
 namespace {
 
@@ -35,59 +36,12 @@ constexpr _cspOsalTime_struct kExpectWait{30, 0};
 
 // --- Messages that check themselves ---------------------------------------------
 
-struct Stamp {
-  uint32_t sender;
-  uint32_t seq;
-  uint32_t len;  // payload bytes after the stamp
-  uint32_t sum;
-};
-
-uint8_t pattern(uint32_t sender, uint32_t seq, uint32_t i) {
-  return static_cast<uint8_t>(sender * 31u + seq * 7u + i * 13u + (i >> 8));
-}
-
-uint32_t checksum(const Stamp &s, const uint8_t *payload) {
-  uint32_t h = 2166136261u ^ s.sender ^ (s.seq << 8) ^ (s.len << 20);
-  for (uint32_t i = 0; i < s.len; i++) h = (h ^ payload[i]) * 16777619u;
-  return h;
-}
+using testsupport::check_stamped_message;
+using testsupport::send_stamped_retrying;
+using testsupport::Stamp;
 
 std::vector<uint8_t> make_message(uint32_t sender, uint32_t seq) {
-  Stamp s{sender, seq, 1u + (seq * 37u + sender * 101u) % 1500u, 0};
-  std::vector<uint8_t> m(sizeof(Stamp) + s.len);
-  for (uint32_t i = 0; i < s.len; i++) m[sizeof(Stamp) + i] = pattern(sender, seq, i);
-  s.sum = checksum(s, m.data() + sizeof(Stamp));
-  memcpy(m.data(), &s, sizeof(s));
-  return m;
-}
-
-::testing::AssertionResult check_message(const uint8_t *data, int size, Stamp *out) {
-  if (size < static_cast<int>(sizeof(Stamp))) return ::testing::AssertionFailure() << "short";
-  Stamp s;
-  memcpy(&s, data, sizeof(s));
-  if (sizeof(Stamp) + s.len != static_cast<size_t>(size)) {
-    return ::testing::AssertionFailure() << "size " << size << " for len " << s.len;
-  }
-  if (checksum(s, data + sizeof(Stamp)) != s.sum) return ::testing::AssertionFailure() << "sum";
-  for (uint32_t i = 0; i < s.len; i++) {
-    if (data[sizeof(Stamp) + i] != pattern(s.sender, s.seq, i)) {
-      return ::testing::AssertionFailure() << "byte " << i << " of " << s.sender << "/" << s.seq;
-    }
-  }
-  *out = s;
-  return ::testing::AssertionSuccess();
-}
-
-// Sends (two vector entries) until the bus takes the message.
-int send_retrying(lmq_client *client, int16_t id, const std::vector<uint8_t> &m) {
-  lmq_iovec vector[2] = {{const_cast<uint8_t *>(m.data()), static_cast<uint32_t>(sizeof(Stamp))},
-                         {const_cast<uint8_t *>(m.data()) + sizeof(Stamp),
-                          static_cast<uint32_t>(m.size() - sizeof(Stamp))}};
-  for (;;) {
-    int rc = lmqCXSendCommand(client, id, vector, 2, 0);
-    if (rc != -105) return rc;
-    std::this_thread::yield();
-  }
+  return testsupport::make_stamped_message(sender, seq, 1500u);
 }
 
 // Receives kTotal checked messages on one client; per sender in order.
@@ -100,7 +54,7 @@ void drain_checked(lmq_client *client, uint32_t total, uint32_t senders,
     lmq_rx_info info{};
     int rc = lmqCXReceive(client, &entry, 1, &info, &kExpectWait);
     Stamp s{};
-    if (rc <= 0 || !check_message(buffer.data(), rc, &s) || s.sender >= senders ||
+    if (rc <= 0 || !check_stamped_message(buffer.data(), rc, &s) || s.sender >= senders ||
         s.seq != (*per_sender)[s.sender]) {
       failures->fetch_add(1);
       ADD_FAILURE() << "receive " << rc << " after " << n;
@@ -139,7 +93,7 @@ TEST(LmqBusThreadTest, ManySendersAcrossTheBus) {
   for (uint32_t s = 0; s < kSenders; s++) {
     threads.emplace_back([&, s] {
       for (uint32_t i = 0; i < kPerSender; i++) {
-        if (send_retrying(senders[s]->get(), id, make_message(s, i)) != 0) {
+        if (send_stamped_retrying(senders[s]->get(), id, make_message(s, i)) != 0) {
           failures.fetch_add(1);
           return;
         }

@@ -19,6 +19,7 @@
 #include "platform/csp_osal.h"
 #include "platform/lmq.h"
 #include "support/lmq_client.h"
+#include "support/stamped_message.h"
 #include "support/thread_state.h"
 
 namespace {
@@ -96,60 +97,12 @@ class LmqThreadTest : public ::testing::Test {
 
 // --- Messages that check themselves ----------------------------------------
 
-struct Stamp {
-  uint32_t sender;
-  uint32_t seq;
-  uint32_t len;  // payload bytes after the stamp
-  uint32_t sum;
-};
-
-uint8_t pattern(uint32_t sender, uint32_t seq, uint32_t i) {
-  return static_cast<uint8_t>(sender * 31u + seq * 7u + i * 13u + (i >> 8));
-}
-
-uint32_t checksum(const Stamp &s, const uint8_t *payload) {
-  uint32_t h = 2166136261u ^ s.sender ^ (s.seq << 8) ^ (s.len << 20);
-  for (uint32_t i = 0; i < s.len; i++) h = (h ^ payload[i]) * 16777619u;
-  return h;
-}
+using testsupport::check_stamped_message;
+using testsupport::send_stamped_retrying;
+using testsupport::Stamp;
 
 std::vector<uint8_t> make_message(uint32_t sender, uint32_t seq) {
-  Stamp s{sender, seq, 1u + (seq * 37u + sender * 101u) % 600u, 0};
-  std::vector<uint8_t> m(sizeof(Stamp) + s.len);
-  for (uint32_t i = 0; i < s.len; i++) m[sizeof(Stamp) + i] = pattern(sender, seq, i);
-  s.sum = checksum(s, m.data() + sizeof(Stamp));
-  memcpy(m.data(), &s, sizeof(s));
-  return m;
-}
-
-// Checks a received message's framing and content; returns its stamp.
-::testing::AssertionResult check_message(const uint8_t *data, int size, Stamp *out) {
-  if (size < static_cast<int>(sizeof(Stamp))) return ::testing::AssertionFailure() << "short";
-  Stamp s;
-  memcpy(&s, data, sizeof(s));
-  if (sizeof(Stamp) + s.len != static_cast<size_t>(size)) {
-    return ::testing::AssertionFailure() << "size " << size << " for len " << s.len;
-  }
-  if (checksum(s, data + sizeof(Stamp)) != s.sum) return ::testing::AssertionFailure() << "sum";
-  for (uint32_t i = 0; i < s.len; i++) {
-    if (data[sizeof(Stamp) + i] != pattern(s.sender, s.seq, i)) {
-      return ::testing::AssertionFailure() << "byte " << i << " of " << s.sender << "/" << s.seq;
-    }
-  }
-  *out = s;
-  return ::testing::AssertionSuccess();
-}
-
-// Sends until the receiver's queue takes the message.
-int send_retrying(lmq_client *client, int16_t id, const std::vector<uint8_t> &m) {
-  lmq_iovec vector[2] = {{const_cast<uint8_t *>(m.data()), static_cast<uint32_t>(sizeof(Stamp))},
-                         {const_cast<uint8_t *>(m.data()) + sizeof(Stamp),
-                          static_cast<uint32_t>(m.size() - sizeof(Stamp))}};
-  for (;;) {
-    int rc = lmqCXSendCommand(client, id, vector, 2, 0);
-    if (rc != -105) return rc;
-    std::this_thread::yield();
-  }
+  return testsupport::make_stamped_message(sender, seq, 600u);
 }
 
 // --- Tests -------------------------------------------------------------------
@@ -174,7 +127,7 @@ TEST_F(LmqThreadTest, ManySendersOneReceiver) {
   for (uint32_t t = 0; t < kSenders; t++) {
     threads.emplace_back([&, t] {
       for (uint32_t seq = 0; seq < kPerSender; seq++) {
-        if (send_retrying(senders[t]->get(), m_id, make_message(t, seq)) != 0) failures++;
+        if (send_stamped_retrying(senders[t]->get(), m_id, make_message(t, seq)) != 0) failures++;
       }
     });
   }
@@ -188,7 +141,7 @@ TEST_F(LmqThreadTest, ManySendersOneReceiver) {
     int rc = lmqCXReceive(receiver.get(), &entry, 1, &info, &kExpectWait);
     ASSERT_GT(rc, 0) << "message " << n;
     Stamp s;
-    ASSERT_TRUE(check_message(buffer.data(), rc, &s));
+    ASSERT_TRUE(check_stamped_message(buffer.data(), rc, &s));
     ASSERT_LT(s.sender, kSenders);
     ASSERT_EQ(s.seq, next_seq[s.sender]) << "sender " << s.sender;
     next_seq[s.sender]++;
@@ -218,7 +171,7 @@ TEST_F(LmqThreadTest, ThreadsShareOneSendingClient) {
   for (uint32_t t = 0; t < kThreads; t++) {
     threads.emplace_back([&, t] {
       for (uint32_t seq = 0; seq < kPerThread; seq++) {
-        EXPECT_EQ(send_retrying(shared.get(), m_id, make_message(t, seq)), 0);
+        EXPECT_EQ(send_stamped_retrying(shared.get(), m_id, make_message(t, seq)), 0);
       }
     });
   }
@@ -231,7 +184,7 @@ TEST_F(LmqThreadTest, ThreadsShareOneSendingClient) {
     int rc = lmqCXReceive(receiver.get(), &entry, 1, &info, &kExpectWait);
     ASSERT_GT(rc, 0);
     Stamp s;
-    ASSERT_TRUE(check_message(buffer.data(), rc, &s));
+    ASSERT_TRUE(check_stamped_message(buffer.data(), rc, &s));
     ASSERT_EQ(s.seq, next_seq[s.sender]++);
     EXPECT_EQ(info.reply.client, shared.number());
     EXPECT_TRUE(sequences.insert(info.reply.sequence).second) << info.reply.sequence;
