@@ -22,8 +22,15 @@ constexpr uint32_t kCreate = 0x30400;
 
 TEST(LorcBulkThread, CancelledJobsContainersAreLeftAloneWhileUpdatesFlow) {
   ClientFixture f;
-  ASSERT_EQ(f.add_server(), 0);
-  ASSERT_EQ(f.add_client(), 0);
+  // The rounds below start bulk jobs as fast as they can, with no wait for
+  // the server: queues big enough for all of them, since a full queue is
+  // not what this test is about.
+  testsupport::ServerSetup server;
+  server.queue_kib = 256;
+  testsupport::ClientSetup client;
+  client.queue_kib = 256;
+  ASSERT_EQ(f.add_server(server), 0);
+  ASSERT_EQ(f.add_client(client), 0);
   lorc_client *c = f.client();
   ASSERT_TRUE(f.wait_roots(0, 1));
   ASSERT_EQ(lorc_value_set(c, 0, "/com/norvi/bx/", "", 0, kCreate, 5), 0);
