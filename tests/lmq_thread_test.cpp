@@ -254,23 +254,8 @@ TEST_F(LmqThreadTest, CommandReplyPingPong) {
   constexpr uint32_t kRounds = 5000;
   LmqClient server_side(m_server), client_side(m_server);
   ASSERT_EQ(lmqHostService(server_side.get(), m_id, 0), 0);
-  std::thread server_thread([&] {
-    uint32_t value = 0;
-    lmq_iovec entry{&value, sizeof(value)};
-    for (uint32_t i = 0; i < kRounds; i++) {
-      lmq_rx_info info{};
-      int rc = lmqCXReceive(server_side.get(), &entry, 1, &info, &kExpectWait);
-      if (rc != sizeof(value)) {
-        ADD_FAILURE() << "server receive " << rc;
-        return;
-      }
-      value += 1;
-      if (lmqCXReply(server_side.get(), &info.reply, &entry, 1, 0) != 0) {
-        ADD_FAILURE() << "reply";
-        return;
-      }
-    }
-  });
+  std::thread server_thread(
+      [&] { testsupport::answer_increments(server_side.get(), kRounds, &kExpectWait); });
   uint32_t value = 0;
   lmq_iovec entry{&value, sizeof(value)};
   for (uint32_t i = 0; i < kRounds; i++) {

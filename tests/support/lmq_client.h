@@ -20,6 +20,27 @@ namespace testsupport {
 
 // An initialised lmq client with its own queue. With a null server it is
 // initialised but attached nowhere.
+// The host side of a ping-pong: answers rounds commands, each a 32-bit
+// value, with the value plus one. A failed receive or reply ends it with a
+// gtest failure. Meant for a thread of its own.
+inline void answer_increments(lmq_client *host, uint32_t rounds, const _cspOsalTime_struct *wait) {
+  uint32_t value = 0;
+  lmq_iovec entry{&value, sizeof(value)};
+  for (uint32_t i = 0; i < rounds; i++) {
+    lmq_rx_info info{};
+    int rc = lmqCXReceive(host, &entry, 1, &info, wait);
+    if (rc != sizeof(value)) {
+      ADD_FAILURE() << "host receive " << rc;
+      return;
+    }
+    value += 1;
+    if (lmqCXReply(host, &info.reply, &entry, 1, 0) != 0) {
+      ADD_FAILURE() << "reply";
+      return;
+    }
+  }
+}
+
 class LmqClient {
  public:
   explicit LmqClient(lmq_server *server, uint32_t queue_size = 0x4000)
