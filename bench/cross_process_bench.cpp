@@ -7,10 +7,12 @@
 // lorc_value_set (20-byte path, 10-byte value) or lorc_value_query
 // synchronously. A query goes: caller thread -> socket (the caller writes
 // its frame itself) -> daemon's bus thread, which serves it while
-// "lorsmain" waits idle -> socket -> this process's bus thread, which
-// completes the job while "lorcmain" waits idle -> caller: three wake-ups.
-// A set makes the server broadcast a key update first, which this
-// process's "lorcmain" handles before the reply: four wake-ups.
+// "lorsmain" waits idle -> socket -> the caller, which reads the bus
+// itself while it waits (it leads the connection) and completes its job
+// there: two wake-ups, as in the raw ping-pong. A set makes the server
+// broadcast a key update before the reply; the daemon's bus thread writes
+// both in one go, and the caller takes the update too (the client has no
+// subscription) before the reply: also two wake-ups.
 //
 // BM_RawSocketPingPong/<request>/<reply>: a child process echoes on a Unix
 // stream socket pair; one iteration writes a request of the registry's size
@@ -21,9 +23,9 @@
 // BM_RawSocketPingPongHops/92/62/<caller hops>/<echo hops>: the same bytes,
 // with the message handed on through more threads by a condition variable
 // on either side. 1/1: a receiver thread on each side (four wake-ups).
-// 1/0: the shape of a registry query, three wake-ups: the echo side's
-// reader answers itself, the caller's side has a reader that wakes the
-// caller. 2/1: five wake-ups, the shape without the idle paths: on the
+// 1/0: three wake-ups, the shape of a registry call before the caller
+// led the bus: the echo side's reader answers itself, the caller's side
+// has a reader that wakes the caller. 2/1: five wake-ups, the shape without the idle paths: on the
 // echo side a reader (the daemon's bus thread) hands to a worker
 // ("lorsmain"); on the caller's side a reader (the bus thread) hands to a
 // relay ("lorcmain"), which wakes the caller.

@@ -3,11 +3,11 @@
 //
 // BM_LorcValueSetSync / BM_LorcValueQuerySync: the benchmark's thread
 // calls lorc_value_set (20-byte path, 10-byte value) or lorc_value_query
-// synchronously; the server ("lorsmain", LORS_OPT_NO_PERSIST) answers. A
-// query's reply finds the client thread ("lorcmain") idle and is completed
-// by the server's thread (the idle reply path); a set makes the server
-// broadcast a key update first, which the client thread handles, so its
-// reply is completed by the client thread after the update.
+// synchronously; the server ("lorsmain", LORS_OPT_NO_PERSIST) answers.
+// Both find the server and the client thread ("lorcmain") idle: the
+// calling thread serves its own command (the idle request path), takes
+// the set's key update (no subscriber acts on it) and completes its job
+// with the reply (the idle reply path), with no thread switch at all.
 //
 // BM_RawLmqRoundTrip/<request>/<reply>: two threads and lmq alone, with
 // messages of the sizes that the registry sends for a set (92 and 62

@@ -19,106 +19,21 @@
 #include "platform/csp_osal.h"
 #include "platform/lmq.h"
 #include "support/bus_fixture.h"
+#include "support/idle_offer.h"
 #include "support/lmq_client.h"
 #include "support/thread_state.h"
 
 namespace {
 
 using testsupport::LmqClient;
+using Handler = testsupport::OfferRecorder;
+using Receiver = testsupport::BlockedReceiver;
 using namespace std::chrono_literals;
 
 constexpr _cspOsalTime_struct kNoWait{0, 0};
 constexpr _cspOsalTime_struct kExpectWait{30, 0};
 
-// What the handler saw of each offer, and what it answers. With hold set,
-// each offer waits in the handler until release().
-class Handler {
- public:
-  struct Offer {
-    std::string bytes;
-    uint32_t buffer_size;
-    lmq_address from;
-    pid_t tid;
-    bool terminated;  // a zero after the message, in the buffer
-  };
 
-  explicit Handler(int answer, bool hold = false) : m_answer(answer), m_hold(hold) {}
-
-  static int call(void *context, void *message, uint32_t size, uint32_t buffer_size,
-                  const lmq_address *from) {
-    return static_cast<Handler *>(context)->offer(message, size, buffer_size, from);
-  }
-
-  int calls() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return static_cast<int>(m_offers.size());
-  }
-  Offer offer_at(size_t i) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_offers.at(i);
-  }
-  // Waits until the handler runs (and, with hold, waits in it).
-  bool wait_called(int n) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_cond.wait_for(lock, 10s, [&] { return static_cast<int>(m_offers.size()) >= n; });
-  }
-  void release() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_hold = false;
-    m_cond.notify_all();
-  }
-
- private:
-  int offer(void *message, uint32_t size, uint32_t buffer_size, const lmq_address *from) {
-    const char *bytes = static_cast<const char *>(message);
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_offers.push_back(Offer{std::string(bytes, size), buffer_size, *from,
-                             testsupport::current_tid(), bytes[size] == 0});
-    m_cond.notify_all();
-    m_cond.wait_for(lock, 20s, [&] { return !m_hold; });
-    return m_answer;
-  }
-
-  int m_answer;
-  bool m_hold;
-  std::mutex m_mutex;
-  std::condition_variable m_cond;
-  std::vector<Offer> m_offers;
-};
-
-// A thread that runs one lmqCXReceive without timeout.
-class Receiver {
- public:
-  explicit Receiver(lmq_client *client) : m_future(m_result.get_future()) {
-    m_thread = std::thread([this, client] {
-      m_tid.store(testsupport::current_tid());
-      lmq_iovec entry{m_buffer, sizeof(m_buffer)};
-      int rc = lmqCXReceive(client, &entry, 1, &m_info, nullptr);
-      m_result.set_value(rc);
-    });
-  }
-  ~Receiver() {
-    if (m_thread.joinable()) m_thread.join();
-  }
-  bool blocked() const { return testsupport::wait_until_sleeping(m_tid); }
-  bool done_within(std::chrono::milliseconds wait) {
-    return m_future.wait_for(wait) == std::future_status::ready;
-  }
-  std::string take() {
-    int rc = m_future.get();
-    m_thread.join();
-    return rc > 0 ? std::string(m_buffer, rc) : "error " + std::to_string(rc);
-  }
-  const lmq_rx_info &info() const { return m_info; }
-
- private:
-  std::promise<int> m_result;
-  std::future<int> m_future;
-  std::atomic<pid_t> m_tid{0};
-  std::thread m_thread;
-  char m_buffer[2048];
-  lmq_rx_info m_info{};
-};
 
 int send(int (*fn)(lmq_client *, int16_t, const lmq_iovec *, uint32_t, uint32_t),
          lmq_client *from, int16_t id, const std::string &text) {
@@ -348,6 +263,38 @@ TEST_F(Exchange, OneOfferAtATime) {
   ASSERT_TRUE(receiver.done_within(10s));
   EXPECT_EQ(receiver.take(), "second");
   EXPECT_EQ(handler.calls(), 1);
+}
+
+// A receiver whose timeout runs out while its reply is with the handler
+// stays blocked until the handler is done: the handler never runs beside
+// it. Then it sees its time is up.
+TEST_F(Exchange, AReceiverWhoseTimeoutEndsDuringAnOfferWaitsForTheOffer) {
+  Handler handler(1, /*hold=*/true);
+  ASSERT_EQ(lmqClientSetIdleReplyHandler(requester(), Handler::call, &handler), 0);
+  std::atomic<pid_t> tid{0};
+  std::promise<int> result;
+  std::future<int> received = result.get_future();
+  std::thread receiver([&] {
+    tid.store(testsupport::current_tid());
+    char buffer[64];
+    lmq_rx_info info{};
+    lmq_iovec entry{buffer, sizeof buffer};
+    const _cspOsalTime_struct one_second{1, 0};
+    result.set_value(lmqCXReceive(requester(), &entry, 1, &info, &one_second));
+  });
+  ASSERT_TRUE(testsupport::wait_until_sleeping(tid));
+  std::future<int> replied = std::async(std::launch::async, [&] { return answer("held"); });
+  ASSERT_TRUE(handler.wait_called(1));
+
+  const _cspOsalTime_struct minute{60, 0};
+  ASSERT_EQ(cspOsalTestAdvanceUptime(&minute), 0);
+  EXPECT_EQ(received.wait_for(50ms), std::future_status::timeout)
+      << "the receiver ran while its reply was offered";
+  handler.release();
+  EXPECT_EQ(replied.get(), 0);
+  ASSERT_EQ(received.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(received.get(), LMQ_TIMEOUT);
+  receiver.join();
 }
 
 TEST_F(Exchange, RemovingTheClientWaitsForARunningOffer) {

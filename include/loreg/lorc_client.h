@@ -184,6 +184,15 @@ LOREG_EXPORT void lorc_client_leave(lorc_client *client);
  * done so, a new wait finds its job treated in the same way at once. */
 LOREG_EXPORT int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result,
                                   int32_t timeOut);
+/* Called by a synchronous call right after it sent the request of a simple
+ * job, before it waits: if the request went to a server in another
+ * process, the calling thread reads the bus itself for a short while
+ * (LORC_LEAD_MS), so that the reply wakes it directly; it returns when
+ * the job is done, or when the reply may come another way. The wait that
+ * follows then ends at once, or waits as usual; so a call that expires
+ * lasts at most LORC_LEAD_MS longer than its timeOut. Normal mode only. */
+#define LORC_LEAD_MS 20u
+LOREG_EXPORT void lorc_client_lead(lorc_client *client, int32_t jobId);
 /* Sends the idle notification 0x200A to the client's own queue, which
  * wakes the message loop; returns the send's result. */
 LOREG_EXPORT int lorc_client_send_idle(lorc_client *client);
@@ -247,6 +256,12 @@ LOREG_EXPORT int lorc_subscr_unregister(lorc_client *client, lorc_notify_fn hand
                                         const char *path, void *cookie);
 LOREG_EXPORT void lorc_subscr_process(lorc_client *client, const lstr *path,
                                       const lorc_key_struct *item, uint32_t reason, int32_t tid);
+/* 0 when lorc_subscr_process would do nothing for this update: no
+ * subscription matches, and none waits for its removal or for its roots;
+ * 1 when it would, or when that cannot be told now (the client mutex is
+ * taken). Any thread. */
+LOREG_EXPORT int lorc_subscr_would_act(lorc_client *client, const lstr *path,
+                                       const lorc_key_struct *item, uint32_t reason);
 LOREG_EXPORT void lorc_subscr_reset_nolock(lorc_client *client);
 LOREG_EXPORT void lorc_subscr_new_root_nolock(lorc_client *client, lorc_root_node *root);
 

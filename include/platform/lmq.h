@@ -270,6 +270,33 @@ CSP_EXPORT int lmqServerBusClose(lmq_server *server);
 /* Describes the server's place on a bus. Returns 0 or -22. */
 CSP_EXPORT int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status);
 
+/*
+ * Leading. A thread that has just sent, through client, a message whose
+ * answer can only come over the bus (its last send went to other nodes
+ * only) may read the server's connection to its hub itself while it
+ * waits, instead of the bus thread: the answer then wakes this thread
+ * directly, which saves the hand-over from the bus thread. Everything
+ * read meanwhile is delivered exactly as the bus thread would deliver it
+ * (idle handlers run in this thread), and the bus thread takes over again
+ * when the call returns. One thread leads at a time.
+ *
+ * done(context) is asked before each wait and after each read; the call
+ * returns 0 once it answers non-zero. Otherwise it returns -110 after
+ * timeout_ms milliseconds (the caller then waits its usual way); -11
+ * when the client has sent nothing, or its last send did not go to other
+ * nodes only, when something was queued for the client's receiver (the
+ * answer may come that way), or when the connection cannot be handed
+ * over right now (output waits to be written); -16 when another thread
+ * leads, or this thread is reading the bus already (an idle handler);
+ * -107 when the server is not a peer connected to a hub, is closing its
+ * bus, or the connection ends; -2 for a client that is not attached;
+ * -22. Nothing else wakes a leader before its time, so the timeout should
+ * be short: closing the bus waits for it.
+ */
+typedef int (*lmq_lead_done_fn)(void *context);
+CSP_EXPORT int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lead_done_fn done,
+                                void *context);
+
 /* --- Services -------------------------------------------------------- */
 
 /* Gives the id of the service named by name_size bytes (a trailing zero
@@ -343,6 +370,18 @@ typedef int (*lmq_idle_reply_fn)(void *context, void *message, uint32_t size,
                                  uint32_t buffer_size, const lmq_address *from);
 CSP_EXPORT int lmqClientSetIdleReplyHandler(lmq_client *client, lmq_idle_reply_fn handler,
                                             void *context);
+
+/* The same for the kinds given: LMQ_IDLE_REPLIES, and LMQ_IDLE_NOTIFICATIONS
+ * for notifications (kind LMQ_KIND_NOTIFY; a notification to itself is
+ * never offered, as it is sent to wake the receiver). A notification for
+ * several subscribers of this process is offered to at most one of them,
+ * the first whose receiver is idle; the others receive it as usual.
+ * kinds 0 switches the offers off. Returns 0, or -22 for an invalid
+ * client or unknown kinds. */
+#define LMQ_IDLE_REPLIES 0x1u
+#define LMQ_IDLE_NOTIFICATIONS 0x2u
+CSP_EXPORT int lmqClientSetIdleHandler(lmq_client *client, uint32_t kinds,
+                                       lmq_idle_reply_fn handler, void *context);
 
 /* --- Sending: each gathers count entries into one message ------------ */
 

@@ -108,6 +108,9 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
   }
 
   LORC_API_LOG(LOREG_LVL_TRACE, "%s(): sync job=%d\n", callerName, (int)jobId);
+  if ((lorc_request_type(request) & LORC_REQ_KIND_MASK) == LORC_REQ_SIMPLE) {
+    lorc_client_lead(client, jobId);
+  }
   waitRc = lorc_client_wait(client, jobId, NULL, timeOut);
   rc = apij_JobRefGet(client->jobs, jobId, &ref);
   if (rc <= 0) {

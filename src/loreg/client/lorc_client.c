@@ -110,6 +110,35 @@ int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result, int32_
   return rc;
 }
 
+/* The job of a leading call, for its done test. */
+typedef struct lorc_lead_probe {
+  apij_inst *jobs;
+  int32_t jobId;
+} lorc_lead_probe;
+
+/* Done, or gone (the wait that follows tells how). */
+static int _lorc_lead_job_done(void *context) {
+  const lorc_lead_probe *probe = (const lorc_lead_probe *)context;
+  apij_job_ref ref;
+  int done;
+
+  if (apij_JobRefGet(probe->jobs, probe->jobId, &ref) <= 0) return 1;
+  done = ref.done != 0;
+  apij_JobRefRelease(probe->jobs, &ref);
+  return done;
+}
+
+void lorc_client_lead(lorc_client *client, int32_t jobId) {
+  lorc_lead_probe probe;
+
+  /* In the external mode the owner's loop completes every job. */
+  if (client->lmq.queue == NULL) return;
+  probe.jobs = client->jobs;
+  probe.jobId = jobId;
+  /* Any answer but done leaves the job to the wait, as without leading. */
+  (void)lmqClientLeadBus(client->lmq.client, LORC_LEAD_MS, _lorc_lead_job_done, &probe);
+}
+
 int lorc_client_send_idle(lorc_client *client) {
   loreg_msg idle;
 
@@ -146,8 +175,8 @@ static void _lorc_init_unwind(lorc_client *client, uint32_t progress) {
   loreg_free(allocator, client);
 }
 
-static int _lorc_idle_reply(void *context, void *message, uint32_t size, uint32_t bufferSize,
-                            const lmq_address *from);
+static int _lorc_idle_message(void *context, void *message, uint32_t size, uint32_t bufferSize,
+                              const lmq_address *from);
 
 /* Starts "lorcmain" with explicit scheduling, so that the thread does not
  * take over the scheduling parameters of whoever called lorc_init. */
@@ -284,7 +313,8 @@ int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
   }
 
   if (client->lmqClient == NULL) {
-    (void)lmqClientSetIdleReplyHandler(client->lmq.client, _lorc_idle_reply, client);
+    (void)lmqClientSetIdleHandler(client->lmq.client, LMQ_IDLE_REPLIES | LMQ_IDLE_NOTIFICATIONS,
+                                  _lorc_idle_message, client);
     rc = _lorc_thread_start(client);
     if (rc != 0) {
       _lorc_init_unwind(client, progress);
@@ -476,37 +506,83 @@ static void _lorc_onReply(lorc_client *client, loreg_msg *msg) {
   apij_JobRefRelease(client->jobs, &ref);
 }
 
-/*
- * Offered by lmq in the replying thread while "lorcmain" waits for messages
- * with none queued: everything sent to this client before the reply has
- * been handled, and the client thread stays blocked until this returns.
- * The reply of a simple job without callback only has to reach its job,
+/* The key of a key update: its path (terminated in the message) and the
+ * record the subscribers get. */
+static void _lorc_key_update_item(loreg_msg *msg, lstr *path, lorc_key_struct *item) {
+  path->ptr = msg->data1;
+  path->len = msg->header.len1;
+  (void)lstr_zterm(path);
+
+  memset(item, 0, sizeof(*item));
+  item->path = path->ptr;
+  item->flags = msg->header.arg1;
+  if (msg->header.len0 != 0) {
+    item->value = msg->data0;
+    item->value_len = msg->header.len0;
+  }
+  LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s, flags=0x%02x, tid=%d, '%s')\n",
+                lorc_get_reason_txt(msg->header.arg0), (unsigned)item->flags,
+                (int)msg->header.tid, path->ptr);
+}
+
+/* The reply of a simple job without callback only has to reach its job,
  * whose collector (a waiting caller, or lorc_job_get_result) runs on an
- * application thread; completing it here spares the client thread's
- * wake-up on the way. Replies that involve a callback, which must run on
- * the client thread, and anything unusual go the normal way, so that the
- * loop logs what it has to.
- */
-static int _lorc_idle_reply(void *context, void *message, uint32_t size, uint32_t bufferSize,
-                            const lmq_address *from) {
-  lorc_client *client = (lorc_client *)context;
-  lmq_rx_info info;
-  loreg_msg msg;
+ * application thread. Replies that involve a callback, which must run on
+ * the client thread, go the normal way. */
+static int _lorc_idle_reply(lorc_client *client, loreg_msg *msg) {
   apij_job_ref ref;
   int taken = 0;
 
-  if (from->service_id != client->lmq.service_id) return 0;
-  if (loreg_msg_check_offered(&msg, &info, message, size, bufferSize, from) != 0) return 0;
-  if ((msg.header.msgtype & LOREG_MSG_REPLY_BIT) == 0) return 0;
-  if (apij_JobRefGet(client->jobs, (int32_t)msg.header.reqid, &ref) <= 0) return 0;
+  if (apij_JobRefGet(client->jobs, (int32_t)msg->header.reqid, &ref) <= 0) return 0;
   if (ref.callbackId < 1 && (lorc_request_type((const lorc_request *)ref.cookie) &
                              LORC_REQ_KIND_MASK) == LORC_REQ_SIMPLE) {
     LORC_TASK_LOG(LOREG_LVL_TRACE, "%s(job=%d)\n", "lorc_onReply", (int)ref.id);
-    lorc_req_simple_reply(client, &ref, &msg);
+    lorc_req_simple_reply(client, &ref, msg);
     taken = 1;
   }
   apij_JobRefRelease(client->jobs, &ref);
   return taken;
+}
+
+/* A key update that nothing in this client acts on (no root of a server,
+ * no bulk job waiting for updates, no subscription that matches or has
+ * work pending) ends here. The client thread is blocked meanwhile, so its
+ * own lists can be read. Anything that would call back goes the normal
+ * way, so that handlers run on the client thread only. */
+static int _lorc_idle_key_update(lorc_client *client, loreg_msg *msg) {
+  lstr path;
+  lorc_key_struct item;
+
+  if ((msg->header.arg1 & LORC_KEYF_ROOT) != 0 || !LIST_EMPTY(&client->waitUpdates)) return 0;
+  path.ptr = msg->data1;
+  path.len = msg->header.len1;
+  memset(&item, 0, sizeof(item));
+  item.flags = msg->header.arg1;
+  if (lorc_subscr_would_act(client, &path, &item, msg->header.arg0)) return 0;
+  _lorc_key_update_item(msg, &path, &item);
+  return 1;
+}
+
+/*
+ * Offered by lmq in the delivering thread (the replier, the bus thread, or
+ * a thread that reads the bus while it waits) while "lorcmain" waits for
+ * messages with none queued: everything sent to this client before has
+ * been handled, and the client thread stays blocked until this returns.
+ * Taking a reply or an idle key update here spares the client thread's
+ * wake-up on the way; anything unusual goes the normal way, so that the
+ * loop logs what it has to.
+ */
+static int _lorc_idle_message(void *context, void *message, uint32_t size, uint32_t bufferSize,
+                              const lmq_address *from) {
+  lorc_client *client = (lorc_client *)context;
+  lmq_rx_info info;
+  loreg_msg msg;
+
+  if (from->service_id != client->lmq.service_id) return 0;
+  if (loreg_msg_check_offered(&msg, &info, message, size, bufferSize, from) != 0) return 0;
+  if (msg.header.msgtype & LOREG_MSG_REPLY_BIT) return _lorc_idle_reply(client, &msg);
+  if (msg.header.msgtype == LOREG_MSG_KEY_UPDATE) return _lorc_idle_key_update(client, &msg);
+  return 0;
 }
 
 void lorc_onKeyUpdate(lorc_client *client, loreg_msg *msg, const lmq_rx_info *rxInfo) {
@@ -514,19 +590,7 @@ void lorc_onKeyUpdate(lorc_client *client, loreg_msg *msg, const lmq_rx_info *rx
   lorc_key_struct item;
   uint32_t reason = msg->header.arg0;
 
-  path.ptr = msg->data1;
-  path.len = msg->header.len1;
-  (void)lstr_zterm(&path);
-
-  memset(&item, 0, sizeof(item));
-  item.path = path.ptr;
-  item.flags = msg->header.arg1;
-  if (msg->header.len0 != 0) {
-    item.value = msg->data0;
-    item.value_len = msg->header.len0;
-  }
-  LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s, flags=0x%02x, tid=%d, '%s')\n",
-                lorc_get_reason_txt(reason), (unsigned)item.flags, (int)msg->header.tid, path.ptr);
+  _lorc_key_update_item(msg, &path, &item);
 
   /* Root tracking sees an update before anybody else, and a bulk job's
    * awaited updates are recorded before the subscribers run. */

@@ -383,6 +383,25 @@ void lorc_subscr_process(lorc_client *client, const lstr *path, const lorc_key_s
   _lorc_subscr_free_list(client, &removed, 0, __func__);
 }
 
+int lorc_subscr_would_act(lorc_client *client, const lstr *path, const lorc_key_struct *item,
+                          uint32_t reason) {
+  const lorc_subscr_node *node;
+  int act = 0;
+
+  if (pthread_mutex_trylock(&client->mutex) != 0) return 1;
+  LIST_FOREACH(node, &client->subscriptions, link) {
+    if (node->flags & (LORC_SUBSCR_REMOVED | LORC_SUBSCR_ROOTS_PENDING)) {
+      act = 1;
+    } else {
+      uint32_t n = _lorc_subscr_cmp_len(node, path, item, reason);
+      act = lstr_ncmp(&node->path, path, n) == 0;
+    }
+    if (act) break;
+  }
+  pthread_mutex_unlock(&client->mutex);
+  return act;
+}
+
 void lorc_subscr_reset_nolock(lorc_client *client) {
   if (client == NULL) return;
   lorc_subscr_node *node;

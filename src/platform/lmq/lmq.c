@@ -21,8 +21,9 @@
  * that mutex, so the receiver's mutex and condition stay valid until the
  * sender lets go, also while it signals after unlocking the receiver.
  *
- * Idle replies. A reply for a receiver that waits with nothing queued may
- * be held back for the receiver's idle reply handler: it is queued, marked
+ * Idle offers. A reply (or, if the receiver asked for them, a
+ * notification) for a receiver that waits with nothing queued may be
+ * held back for the receiver's idle handler: it is queued, marked
  * as offered (the receiver takes nothing while the mark stands), copied,
  * and after the sender has let go of the server mutex handed to the
  * handler (lmq_offer_run). Running the handler without lmq's mutexes keeps
@@ -151,6 +152,12 @@ static void _lmq_make_address(lmq_address *address, uint32_t node, uint32_t clie
 
 static uint32_t _lmq_next_sequence(_lmq_client_rec *rec) {
   return __atomic_add_fetch(&rec->sequence, 1u, __ATOMIC_RELAXED);
+}
+
+/* The send of sequence went to other nodes only: its answer, if any, can
+ * only come over the bus (see lmqClientLeadBus). */
+static void _lmq_sent_remote(_lmq_client_rec *rec, uint32_t sequence) {
+  __atomic_store_n(&rec->remote_sequence, sequence, __ATOMIC_RELAXED);
 }
 
 static uint32_t _lmq_new_node(void) {
@@ -317,12 +324,21 @@ static void _lmq_client_detach_nolock(lmq_server *server, _lmq_client_rec *rec) 
 
 /* --- Delivery -------------------------------------------------------- */
 
+/* The LMQ_IDLE_* kind of a message, 0 for kinds never offered. */
+static uint32_t _lmq_idle_kind(uint8_t kind) {
+  if (kind == LMQ_KIND_REPLY) return LMQ_IDLE_REPLIES;
+  if (kind == LMQ_KIND_NOTIFY) return LMQ_IDLE_NOTIFICATIONS;
+  return 0;
+}
+
 /* Whether the message just queued, the only one, goes to the target's
- * idle reply handler first: a reply of offerable size for a receiver that
- * waits in lmqCXReceive. Client mutex held. */
+ * idle handler first: a message of a kind the handler takes and of
+ * offerable size, for a receiver that waits in lmqCXReceive, while the
+ * deliverer's offer is free. Client mutex held. */
 static int _lmq_offerable_nolock(const _lmq_client_rec *target, const lmq_address *reply,
-                                 uint32_t size) {
-  return target->idle_reply != NULL && reply->kind == LMQ_KIND_REPLY && target->waiting &&
+                                 uint32_t size, const lmq_offer *offer) {
+  return offer->target == NULL && target->idle_reply != NULL &&
+         (target->idle_kinds & _lmq_idle_kind(reply->kind)) != 0 && target->waiting &&
          !target->offering && target->queue.entries == 1 && size <= LMQ_IDLE_REPLY_MAX;
 }
 
@@ -366,7 +382,7 @@ int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iov
   pthread_mutex_lock(&target->mutex);
   rc = lmq_queue_put(&target->queue, reply, vector, count, size);
   wake = rc == 0 && target->waiting;
-  if (wake && offer != NULL && _lmq_offerable_nolock(target, reply, size)) {
+  if (wake && offer != NULL && _lmq_offerable_nolock(target, reply, size, offer)) {
     _lmq_offer_hold_nolock(offer, target, reply, vector, count, size);
     wake = 0;
   }
@@ -488,14 +504,16 @@ static int _lmq_sender_lock(lmq_client *client, _lmq_client_rec **rec_out,
 }
 
 /* Sends one message to every member of a list. The first failure is
- * returned; the other members still get the message. */
+ * returned; the other members still get the message. The first member
+ * whose idle handler takes it gets it through *offer. */
 static int _lmq_deliver_all_nolock(const _lmq_members *members, const lmq_address *reply,
-                                   const lmq_iovec *vector, uint32_t count, uint32_t size) {
+                                   const lmq_iovec *vector, uint32_t count, uint32_t size,
+                                   lmq_offer *offer) {
   int first = 0;
   uint32_t i;
 
   for (i = 0; i < members->count; i++) {
-    int rc = lmq_deliver(members->items[i], reply, vector, count, size, 0, NULL);
+    int rc = lmq_deliver(members->items[i], reply, vector, count, size, 0, offer);
     if (rc < 0 && first == 0) first = rc;
   }
   return first;
@@ -511,9 +529,11 @@ static int _lmq_send_to_service(lmq_client *client, int16_t service_id, const lm
   const _lmq_members *members;
   const lmq_bus_members *remote;
   lmq_address reply;
+  lmq_offer offer;
   uint32_t size;
   int rc;
 
+  offer.target = NULL;
   rc = _lmq_gather_size(vector, count, flags, &size);
   if (rc < 0) return rc;
   rc = _lmq_sender_lock(client, &rec, &server);
@@ -530,14 +550,16 @@ static int _lmq_send_to_service(lmq_client *client, int16_t service_id, const lm
     } else {
       _lmq_make_address(&reply, server->node, rec->number, service_id, kind,
                         _lmq_next_sequence(rec));
-      rc = _lmq_deliver_all_nolock(members, &reply, vector, count, size);
+      rc = _lmq_deliver_all_nolock(members, &reply, vector, count, size, &offer);
       if (remote->count > 0) {
         int bus_rc = lmq_bus_send_nolock(server, service, &reply, vector, count, size);
         if (rc == 0) rc = bus_rc;
+        if (bus_rc == 0 && members->count == 0) _lmq_sent_remote(rec, reply.sequence);
       }
     }
   }
   pthread_mutex_unlock(&server->mutex);
+  lmq_offer_run(&offer);
   return rc;
 }
 
@@ -847,16 +869,22 @@ int lmqClientRelease(lmq_client *client) {
   return 0;
 }
 
-int lmqClientSetIdleReplyHandler(lmq_client *client, lmq_idle_reply_fn handler,
-                                 void *context) {
+int lmqClientSetIdleHandler(lmq_client *client, uint32_t kinds, lmq_idle_reply_fn handler,
+                            void *context) {
   _lmq_client_rec *rec = _lmq_rec(client);
 
-  if (rec == NULL) return -EINVAL;
+  if (rec == NULL || (kinds & ~(LMQ_IDLE_REPLIES | LMQ_IDLE_NOTIFICATIONS)) != 0) return -EINVAL;
   pthread_mutex_lock(&rec->mutex);
-  rec->idle_reply = handler;
+  rec->idle_reply = kinds != 0 ? handler : NULL;
   rec->idle_reply_context = context;
+  rec->idle_kinds = kinds;
   pthread_mutex_unlock(&rec->mutex);
   return 0;
+}
+
+int lmqClientSetIdleReplyHandler(lmq_client *client, lmq_idle_reply_fn handler,
+                                 void *context) {
+  return lmqClientSetIdleHandler(client, LMQ_IDLE_REPLIES, handler, context);
 }
 
 int lmqClientAddress(const lmq_client *client, lmq_address *address) {
@@ -912,6 +940,7 @@ int lmqCXReply(lmq_client *client, const lmq_address *address, const lmq_iovec *
     _lmq_make_address(&reply, server->node, rec->number, address->service_id, LMQ_KIND_REPLY,
                       _lmq_next_sequence(rec));
     rc = lmq_bus_reply_nolock(server, address, &reply, vector, count, size);
+    if (rc == 0) _lmq_sent_remote(rec, reply.sequence);
   } else {
     rc = -EHOSTUNREACH;
   }
@@ -957,6 +986,30 @@ static void _lmq_wait_until(struct timespec *until, const _cspOsalTime_struct *r
   }
 }
 
+int lmq_client_has_mail(_lmq_client_rec *rec) {
+  int mail;
+
+  pthread_mutex_lock(&rec->mutex);
+  mail = rec->queue.entries > 0;
+  pthread_mutex_unlock(&rec->mutex);
+  return mail;
+}
+
+int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lead_done_fn done,
+                     void *context) {
+  _lmq_client_rec *rec = _lmq_rec(client);
+  lmq_server *server;
+  uint32_t remote;
+
+  if (rec == NULL || done == NULL) return -EINVAL;
+  server = _lmq_attached_server(rec);
+  if (server == NULL) return -ENOENT;
+  /* 0: nothing sent yet (a send numbered 0, once in 2^32, does not lead). */
+  remote = __atomic_load_n(&rec->remote_sequence, __ATOMIC_RELAXED);
+  if (remote == 0 || remote != __atomic_load_n(&rec->sequence, __ATOMIC_RELAXED)) return -EAGAIN;
+  return lmq_bus_lead(server, rec, timeout_ms, done, context);
+}
+
 /* Whether the receiver may take the head of its queue: there is one, and
  * it is not being offered to the idle reply handler. */
 static int _lmq_ready_nolock(const _lmq_client_rec *rec) {
@@ -985,6 +1038,17 @@ static int _lmq_wait_nolock(_lmq_client_rec *rec, const _cspOsalTime_struct *dea
     if (rec->kick) {
       rec->kick = 0;
       return LMQ_TIMEOUT;
+    }
+    if (rec->offering) {
+      /* The head of the queue is with the idle handler: the receiver stays
+       * blocked until the offer ends, also past its deadline, so that the
+       * handler never runs beside it. The end of the offer wakes it. */
+      rec->waiting = 1;
+      rec->offer_waiters++;
+      pthread_cond_wait(&rec->cond, &rec->mutex);
+      rec->offer_waiters--;
+      rec->waiting = 0;
+      continue;
     }
     if (deadline == NULL) {
       rec->waiting = 1;

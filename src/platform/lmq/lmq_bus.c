@@ -83,20 +83,37 @@
  * node.
  *
  * Threads. Each server on a bus runs one bus thread ("lmqbus"), which
- * polls the sockets, accepts peers, reads and handles frames and writes
- * out what senders had to queue. Frames are handled under the server
- * mutex, as any local call, so the tables change in one order.
+ * waits on its sockets with epoll, accepts peers, reads and handles
+ * frames and writes out what senders had to queue. Frames are handled
+ * under the server mutex, as any local call, so the tables change in one
+ * order. What the bus thread sends while it handles a batch of frames
+ * (a served request's key update and reply, say) waits in the output
+ * buffers and goes out in one write per connection after the batch.
+ *
+ * Leading. On a peer, a thread that has sent a request to another node
+ * may read the hub connection itself while it waits for the answer
+ * (lmqClientLeadBus): it takes the connection's input side from the bus
+ * thread, whose epoll entry then watches only for the end, blocks in recv
+ * on the socket (peer sockets are blocking; every other read and write
+ * says MSG_DONTWAIT) and handles what comes exactly as the bus thread
+ * would. The answer then wakes the waiting thread directly instead of
+ * the bus thread, which would have to hand it over. Connections are not
+ * reaped and the bus is not closed while a leader is inside.
  *
  * Locking. server->bus_mutex (set-up, teardown, sync and registration
- * round trips; the bus thread never takes it), then server->mutex, then
- * any one of: a connection's out_mutex, bus->state_mutex, a client's
- * mutex. No socket call made with the server mutex held can block:
- * frames go out only by non-blocking writes into the socket or the output
- * buffer. Waiting (connect, sync, registration) happens on state_cond
- * with only the bus mutex held. The connection list changes only on the
- * bus thread (or before it starts and after it ends), with both the
- * server mutex and the state mutex held, so either one is enough to read
- * it.
+ * round trips; the bus thread never takes it), then a connection's
+ * in_mutex (its reader: the bus thread while it reads, a leader while it
+ * takes or gives the connection), then server->mutex, then any one of: a
+ * connection's out_mutex, bus->state_mutex, a client's mutex. A reader
+ * runs idle handlers with in_mutex held; a thread that reads the bus
+ * cannot lead, so a handler never waits for itself. No socket call made
+ * with the server mutex held can block: frames go out only by
+ * non-blocking writes into the socket or the output buffer. Waiting
+ * (connect, sync, registration) happens on state_cond with only the bus
+ * mutex held; a leader waits in recv with no lmq mutex held. The
+ * connection list changes only on the bus thread (or before it starts and
+ * after it ends), with both the server mutex and the state mutex held, so
+ * either one is enough to read it.
  */
 #include "lmq/lmq_bus.h"
 
@@ -106,6 +123,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -138,6 +156,15 @@
 #define LMQ_BUS_STALL_POLL_MS 100
 /* A frame handler's answer: the frame cannot be passed on yet. */
 #define LMQ_BUS_WAIT 2
+/* Output that the bus thread holds back while it handles frames goes out
+ * once this much waits. */
+#define LMQ_BUS_CORK_BYTES (16u * 1024u)
+/* Readiness events the bus thread takes per wait. */
+#define LMQ_BUS_EVENTS 32
+/* Tags of the bus thread's own descriptors in its epoll set (connections
+ * are tagged by their record). */
+#define LMQ_BUS_TAG_WAKE 0u
+#define LMQ_BUS_TAG_LISTEN 1u
 
 _Static_assert(LMQ_BUS_IN_BYTES >= LMQ_FRAME_LENGTH_SIZE + LMQ_FRAME_MAX,
                "input buffer must hold a largest frame");
@@ -150,14 +177,26 @@ typedef struct _lmq_bus_conn {
   int active;        /* server mutex: HELLO (hub) or WELCOME (peer) done,
                         and not retired */
   int retired;       /* server mutex: its node's state is gone */
-  unsigned char *in; /* bus thread only */
+  /* The input side: held by whoever reads and handles frames, the bus
+   * thread or a thread that leads (lmqClientLeadBus). */
+  pthread_mutex_t in_mutex;
+  unsigned char *in; /* in_mutex */
   uint32_t in_len;
+  lmq_offer *offer;  /* in_mutex: the reader's offer */
+  int led;           /* in_mutex: a leading thread reads it, not the bus
+                        thread, which watches only its end meanwhile; the
+                        leader alone uses in, in_len and offer then */
+  int lead_timeout_ms; /* leader only: receive timeout set on the socket */
+  int watched;       /* in_mutex: in the bus thread's epoll set */
+  uint32_t events;   /* in_mutex: the events watched there */
   pthread_mutex_t out_mutex;
   unsigned char *out; /* out_mutex: bytes [out_start, out_end) wait */
   uint32_t out_start;
   uint32_t out_end;
   int dead;          /* out_mutex: to be closed by the bus thread */
   int overflow;      /* out_mutex: a control frame found no room */
+  int corked;        /* out_mutex: output waits for the bus thread to end
+                        the frames it handles (t_lmq_bus_cork) */
   uint32_t pinged;   /* state mutex: token of the last PING sent */
   uint32_t ponged;   /* state mutex: token of the last PONG received */
   /* Bus thread only. */
@@ -181,6 +220,7 @@ struct lmq_bus {
   int listen_fd;
   int wake_rd;
   int wake_wr;
+  int epoll_fd;
   char path[sizeof(((struct sockaddr_un *)0)->sun_path)];
   dev_t dev; /* of the hub's socket file, to unlink only our own */
   ino_t ino;
@@ -202,10 +242,21 @@ struct lmq_bus {
   int reg_done;
   int32_t reg_result;
   int16_t reg_id;
-  /* Bus thread only: a reply held back for a local client's idle reply
+  uint32_t leaders;    /* threads in lmqClientLeadBus */
+  int reap_deferred;   /* a dead connection waits for the leaders to go */
+  /* Bus thread only: a message held back for a local client's idle
    * handler while a frame is handled, run once the server mutex is free. */
   lmq_offer offer;
 };
+
+/* Set while a thread reads a connection, so that an idle handler running
+ * there cannot try to lead (and wait for itself). */
+static __thread int t_lmq_bus_reading;
+
+/* The bus whose thread is handling frames, in that thread: frames it
+ * sends meanwhile wait in the output buffers and go out in one write per
+ * connection afterwards (a served request's update and reply, say). */
+static __thread const lmq_bus *t_lmq_bus_cork;
 
 /* --- Small helpers ------------------------------------------------------ */
 
@@ -439,6 +490,7 @@ static void _lmq_bus_conn_free(_lmq_bus_conn *conn) {
   if (conn == NULL) return;
   if (conn->fd >= 0) close(conn->fd);
   pthread_mutex_destroy(&conn->out_mutex);
+  pthread_mutex_destroy(&conn->in_mutex);
   free(conn->in);
   free(conn->out);
   free(conn);
@@ -457,6 +509,14 @@ static _lmq_bus_conn *_lmq_bus_conn_new(int fd) {
   conn->in = malloc(LMQ_BUS_IN_BYTES);
   conn->out = malloc(LMQ_BUS_OUT_BYTES);
   if (conn->in == NULL || conn->out == NULL || pthread_mutex_init(&conn->out_mutex, NULL) != 0) {
+    free(conn->in);
+    free(conn->out);
+    close(fd);
+    free(conn);
+    return NULL;
+  }
+  if (pthread_mutex_init(&conn->in_mutex, NULL) != 0) {
+    pthread_mutex_destroy(&conn->out_mutex);
     free(conn->in);
     free(conn->out);
     close(fd);
@@ -544,6 +604,8 @@ static void _lmq_bus_out_append(_lmq_bus_conn *conn, const unsigned char *head, 
   }
 }
 
+static void _lmq_bus_flush_nolock(_lmq_bus_conn *conn);
+
 /*
  * Sends one frame: head_len bytes of head, then tail_len bytes gathered
  * from the vector. With an empty output buffer it is written at once as
@@ -581,7 +643,11 @@ static int _lmq_bus_conn_write(lmq_bus *bus, _lmq_bus_conn *conn, const unsigned
     }
     goto out;
   }
-  if (used == 0 && count < LMQ_BUS_IOV_MAX) {
+  if (t_lmq_bus_cork == bus) {
+    /* The bus thread handles frames: what they cause goes out together
+     * when it is done with them (_lmq_bus_uncork). */
+    conn->corked = 1;
+  } else if (used == 0 && count < LMQ_BUS_IOV_MAX) {
     struct iovec iov[LMQ_BUS_IOV_MAX];
     struct msghdr msg;
     size_t n = 0;
@@ -615,7 +681,12 @@ static int _lmq_bus_conn_write(lmq_bus *bus, _lmq_bus_conn *conn, const unsigned
   if (written < total) {
     _lmq_bus_out_append(conn, head, head_len, vector, count, written, total);
     /* The first bytes to wait: the bus thread must watch for room. */
-    wake = used == 0;
+    wake = used == 0 && !conn->corked;
+    /* Corked output is written out in good time; the buffer's bound is
+     * for a socket that takes nothing. */
+    if (conn->corked && conn->out_end - conn->out_start >= LMQ_BUS_CORK_BYTES) {
+      _lmq_bus_flush_nolock(conn);
+    }
   }
 out:
   pthread_mutex_unlock(&conn->out_mutex);
@@ -778,15 +849,16 @@ static void _lmq_bus_deliver_one(_lmq_client_rec *target, const lmq_address *fro
 }
 
 /* Delivers a command or notification that came over the bus to the local
- * hosts or subscribers of its service. */
+ * hosts or subscribers of its service; a notification may go to one idle
+ * handler through *offer. */
 static void _lmq_bus_deliver_local_nolock(const _lmq_service *service, const lmq_address *from,
-                                          const lmq_frame *frame) {
+                                          const lmq_frame *frame, lmq_offer *offer) {
   const _lmq_members *members =
       from->kind == LMQ_KIND_COMMAND ? &service->hosts : &service->subscribers;
   uint32_t i;
 
   for (i = 0; i < members->count; i++) {
-    _lmq_bus_deliver_one(members->items[i], from, frame, NULL);
+    _lmq_bus_deliver_one(members->items[i], from, frame, offer);
   }
 }
 
@@ -1155,7 +1227,7 @@ static int _lmq_bus_hub_message_nolock(lmq_bus *bus, _lmq_bus_conn *conn,
     from.kind = LMQ_KIND_REPLY;
     if (frame->node == server->node) {
       _lmq_client_rec *target = lmq_client_find_nolock(server, frame->client);
-      if (target != NULL) _lmq_bus_deliver_one(target, &from, frame, &bus->offer);
+      if (target != NULL) _lmq_bus_deliver_one(target, &from, frame, conn->offer);
       return 0;
     }
     if (_lmq_bus_reply_nolock(bus, frame->node, frame->client, &from, &entry, 1, frame->tail_len,
@@ -1172,7 +1244,7 @@ static int _lmq_bus_hub_message_nolock(lmq_bus *bus, _lmq_bus_conn *conn,
         LMQ_BUS_WAIT) {
       return LMQ_BUS_WAIT;
     }
-    _lmq_bus_deliver_local_nolock(service, &from, frame);
+    _lmq_bus_deliver_local_nolock(service, &from, frame, conn->offer);
     (void)_lmq_bus_fanout_nolock(bus, service, &from, &entry, 1, frame->tail_len, conn->node, 0);
   }
   return 0;
@@ -1280,7 +1352,8 @@ static void _lmq_bus_peer_sysmsg_nolock(lmq_bus *bus, const lmq_frame *frame) {
 }
 
 /* A command, notification or reply from the hub for local clients. */
-static int _lmq_bus_peer_message_nolock(lmq_bus *bus, const lmq_frame *frame) {
+static int _lmq_bus_peer_message_nolock(lmq_bus *bus, _lmq_bus_conn *conn,
+                                        const lmq_frame *frame) {
   lmq_server *server = bus->server;
   lmq_address from;
 
@@ -1294,11 +1367,11 @@ static int _lmq_bus_peer_message_nolock(lmq_bus *bus, const lmq_frame *frame) {
     if (frame->node != server->node) return -EBADMSG;
     from.kind = LMQ_KIND_REPLY;
     target = lmq_client_find_nolock(server, frame->client);
-    if (target != NULL) _lmq_bus_deliver_one(target, &from, frame, &bus->offer);
+    if (target != NULL) _lmq_bus_deliver_one(target, &from, frame, conn->offer);
   } else {
     _lmq_service *service = lmq_service_lookup_nolock(server, frame->service_id);
     from.kind = frame->type == LMQ_FRAME_COMMAND ? LMQ_KIND_COMMAND : LMQ_KIND_NOTIFY;
-    if (service != NULL) _lmq_bus_deliver_local_nolock(service, &from, frame);
+    if (service != NULL) _lmq_bus_deliver_local_nolock(service, &from, frame, conn->offer);
   }
   return 0;
 }
@@ -1382,7 +1455,7 @@ static int _lmq_bus_peer_frame_nolock(lmq_bus *bus, _lmq_bus_conn *conn, const l
     case LMQ_FRAME_COMMAND:
     case LMQ_FRAME_NOTIFY:
     case LMQ_FRAME_REPLY:
-      if (_lmq_bus_peer_message_nolock(bus, frame) == 0) return 0;
+      if (_lmq_bus_peer_message_nolock(bus, conn, frame) == 0) return 0;
       break;
     default:
       break;
@@ -1413,25 +1486,36 @@ static void _lmq_bus_retire_nolock(lmq_bus *bus, _lmq_bus_conn *conn) {
   conn->active = 0;
 }
 
+static void _lmq_bus_receive(lmq_bus *bus, _lmq_bus_conn *conn, int did_read, ssize_t n);
+static void _lmq_bus_uncork_one(_lmq_bus_conn *conn);
+
 /* Reads what the socket has (with do_read; a stalled connection is not
- * read) and handles every whole frame in the input buffer. A frame that
- * must wait stays there, first, and the connection is stalled until it
- * goes. A broken frame, or the end of the stream inside a frame, drops
- * the connection with a log line; a clean end drops it quietly. */
-static void _lmq_bus_receive(lmq_bus *bus, _lmq_bus_conn *conn, int do_read) {
-  uint32_t direction = bus->role == LMQ_BUS_HUB ? LMQ_FRAME_TO_HUB : LMQ_FRAME_TO_PEER;
-  char why[LMQ_BUS_WHY_SIZE];
-  uint32_t pos = 0;
+ * read) and handles it with _lmq_bus_receive. The reader holds in_mutex
+ * and has set conn->offer. */
+static void _lmq_bus_pull(lmq_bus *bus, _lmq_bus_conn *conn, int do_read) {
   ssize_t n = 0;
-  int rc = 0;
 
   if (do_read) {
     do {
-      n = read(conn->fd, conn->in + conn->in_len, LMQ_BUS_IN_BYTES - conn->in_len);
+      n = recv(conn->fd, conn->in + conn->in_len, LMQ_BUS_IN_BYTES - conn->in_len, MSG_DONTWAIT);
     } while (n < 0 && errno == EINTR);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
   }
-  if (do_read && n <= 0) {
+  _lmq_bus_receive(bus, conn, do_read, n);
+}
+
+/* Takes a read of n bytes (did_read) into the input buffer and handles
+ * every whole frame there. A frame that must wait stays there, first, and
+ * the connection is stalled until it goes. A broken frame, or the end of
+ * the stream inside a frame, drops the connection with a log line; a
+ * clean end drops it quietly. */
+static void _lmq_bus_receive(lmq_bus *bus, _lmq_bus_conn *conn, int did_read, ssize_t n) {
+  uint32_t direction = bus->role == LMQ_BUS_HUB ? LMQ_FRAME_TO_HUB : LMQ_FRAME_TO_PEER;
+  char why[LMQ_BUS_WHY_SIZE];
+  uint32_t pos = 0;
+  int rc = 0;
+
+  if (did_read && n <= 0) {
     /* The end of the stream, or a reset (a peer that closes with frames
      * unread), inside a frame. */
     if (conn->in_len > 0) {
@@ -1441,7 +1525,9 @@ static void _lmq_bus_receive(lmq_bus *bus, _lmq_bus_conn *conn, int do_read) {
     goto stop;
   }
   conn->in_len += (uint32_t)n;
-  conn->stalled = 0;
+  /* Written only when it changes: a leader's connection (a peer's) never
+   * stalls, and the bus thread reads the flag. */
+  if (conn->stalled) conn->stalled = 0;
 
   while (conn->in_len - pos >= LMQ_FRAME_LENGTH_SIZE) {
     uint32_t length = lmq_frame_get32(conn->in + pos);
@@ -1461,7 +1547,7 @@ static void _lmq_bus_receive(lmq_bus *bus, _lmq_bus_conn *conn, int do_read) {
                ? _lmq_bus_hub_frame_nolock(bus, conn, &frame, why, sizeof(why))
                : _lmq_bus_peer_frame_nolock(bus, conn, &frame, why, sizeof(why));
       pthread_mutex_unlock(&bus->server->mutex);
-      lmq_offer_run(&bus->offer);
+      lmq_offer_run(conn->offer);
     }
     if (rc == LMQ_BUS_WAIT) {
       conn->stalled = 1;
@@ -1486,13 +1572,14 @@ stop:
   pthread_mutex_lock(&bus->server->mutex);
   _lmq_bus_retire_nolock(bus, conn);
   pthread_mutex_unlock(&bus->server->mutex);
+  /* A last word to it (a refusal) goes before the end. */
+  _lmq_bus_uncork_one(conn);
   _lmq_bus_conn_kill(bus, conn);
 }
 
 /* Writes out what waits in a connection's buffer, as far as the socket
- * takes it. */
-static void _lmq_bus_flush(_lmq_bus_conn *conn) {
-  pthread_mutex_lock(&conn->out_mutex);
+ * takes it; bus thread, out_mutex held. */
+static void _lmq_bus_flush_nolock(_lmq_bus_conn *conn) {
   while (!conn->dead && conn->out_start < conn->out_end) {
     ssize_t n = send(conn->fd, conn->out + conn->out_start, conn->out_end - conn->out_start,
                      MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -1507,7 +1594,23 @@ static void _lmq_bus_flush(_lmq_bus_conn *conn) {
     conn->blocking_timed = 0;
   }
   if (conn->out_start == conn->out_end) conn->out_start = conn->out_end = 0;
+}
+
+static void _lmq_bus_flush(_lmq_bus_conn *conn) {
+  pthread_mutex_lock(&conn->out_mutex);
+  _lmq_bus_flush_nolock(conn);
   pthread_mutex_unlock(&conn->out_mutex);
+}
+
+/* Writes out what waits for the end of the frames handled. */
+static void _lmq_bus_uncork_one(_lmq_bus_conn *conn) {
+  int corked;
+
+  pthread_mutex_lock(&conn->out_mutex);
+  corked = conn->corked;
+  conn->corked = 0;
+  pthread_mutex_unlock(&conn->out_mutex);
+  if (corked) _lmq_bus_flush(conn);
 }
 
 static int _lmq_bus_out_pending(_lmq_bus_conn *conn) {
@@ -1595,17 +1698,25 @@ static int _lmq_bus_check_blocking(lmq_bus *bus) {
   return waiting;
 }
 
-/* Closes the connections marked dead. */
+/* Closes the connections marked dead. While a thread leads, none is
+ * closed (the leader may hold one); the last leader to go wakes the bus
+ * thread to try again. */
 static void _lmq_bus_reap(lmq_bus *bus) {
   uint32_t i = 0;
 
   while (i < bus->conn_count) {
     _lmq_bus_conn *conn = bus->conns[i];
     int overflow = 0;
+    int leaders;
     if (!_lmq_bus_conn_is_dead(conn, &overflow)) {
       i++;
       continue;
     }
+    pthread_mutex_lock(&bus->state_mutex);
+    leaders = bus->leaders > 0;
+    if (leaders) bus->reap_deferred = 1;
+    pthread_mutex_unlock(&bus->state_mutex);
+    if (leaders) return;
     if (overflow) {
       LMQ_LOG(LMQ_LVL_FAIL, "%s(): node %u does not take its frames, disconnected\n", __func__,
               (unsigned)conn->node);
@@ -1614,84 +1725,120 @@ static void _lmq_bus_reap(lmq_bus *bus) {
   }
 }
 
+/* Brings a connection's entry in the epoll set in line with events
+ * (watch 0: out of the set). A connection that cannot be watched is
+ * dropped, logged. in_mutex held. */
+static void _lmq_bus_watch_nolock(lmq_bus *bus, _lmq_bus_conn *conn, int watch,
+                                  uint32_t events) {
+  struct epoll_event ev;
+  int op;
+
+  if (watch == conn->watched && (!watch || events == conn->events)) return;
+  op = !watch ? EPOLL_CTL_DEL : conn->watched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  memset(&ev, 0, sizeof(ev));
+  ev.events = events;
+  ev.data.ptr = conn;
+  if (epoll_ctl(bus->epoll_fd, op, conn->fd, &ev) < 0 && op != EPOLL_CTL_DEL) {
+    LMQ_LOG(LMQ_LVL_FAIL, "%s(): cannot watch the connection of node %u (code %d), disconnected\n",
+            __func__, (unsigned)conn->node, -errno);
+    _lmq_bus_conn_kill(bus, conn);
+    return;
+  }
+  conn->watched = watch;
+  conn->events = events;
+}
+
+/* Events of a led connection: only its end, once (epoll always reports
+ * that); the data go to the leader. */
+#define LMQ_BUS_LED_EVENTS ((uint32_t)EPOLLET)
+
+/* What the bus thread watches of a connection: nothing once the end of a
+ * stalled one was seen (until its frame goes or it is dropped); else its
+ * input unless stalled, and room for its output while some waits. A led
+ * connection keeps what its leader set. */
+static void _lmq_bus_watch(lmq_bus *bus, _lmq_bus_conn *conn) {
+  uint32_t events = (conn->stalled ? 0u : (uint32_t)EPOLLIN) |
+                    (_lmq_bus_out_pending(conn) ? (uint32_t)EPOLLOUT : 0u);
+
+  pthread_mutex_lock(&conn->in_mutex);
+  if (!conn->led) _lmq_bus_watch_nolock(bus, conn, !(conn->stalled && conn->hung_up), events);
+  pthread_mutex_unlock(&conn->in_mutex);
+}
+
+/* Writes out what the frames just handled sent, one write per
+ * connection. Bus thread. */
+static void _lmq_bus_uncork(lmq_bus *bus) {
+  uint32_t i;
+
+  t_lmq_bus_cork = NULL;
+  for (i = 0; i < bus->conn_count; i++) _lmq_bus_uncork_one(bus->conns[i]);
+}
+
+/* The bus thread reads a connection, unless a thread leads it. */
+static void _lmq_bus_read(lmq_bus *bus, _lmq_bus_conn *conn, int do_read) {
+  pthread_mutex_lock(&conn->in_mutex);
+  if (!conn->led) {
+    conn->offer = &bus->offer;
+    t_lmq_bus_reading = 1;
+    t_lmq_bus_cork = bus;
+    _lmq_bus_pull(bus, conn, do_read);
+    _lmq_bus_uncork(bus);
+    t_lmq_bus_reading = 0;
+  }
+  pthread_mutex_unlock(&conn->in_mutex);
+}
+
+static void _lmq_bus_conn_event(_lmq_bus_conn *conn, uint32_t revents, lmq_bus *bus) {
+  if (revents & EPOLLOUT) _lmq_bus_flush(conn);
+  if (conn->stalled) {
+    if (revents & (EPOLLHUP | EPOLLERR)) conn->hung_up = 1;
+  } else if (revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
+    _lmq_bus_read(bus, conn, 1);
+  }
+}
+
 static void *_lmq_bus_main(void *arg) {
   lmq_bus *bus = (lmq_bus *)arg;
-  struct pollfd *fds = NULL;
-  uint32_t fds_capacity = 0;
+  struct epoll_event events[LMQ_BUS_EVENTS];
   int waiting = 0;
 
   while (!__atomic_load_n(&bus->stop, __ATOMIC_ACQUIRE)) {
-    uint32_t conns = bus->conn_count;
-    uint32_t first_conn;
-    uint32_t n = 0;
-    uint32_t i;
+    int accept_ready = 0;
+    int n;
+    int i;
+    uint32_t c;
     char drain[64];
 
-    if (fds_capacity < conns + 2u) {
-      struct pollfd *grown = realloc(fds, (conns + 2u) * sizeof(*fds));
-      if (grown == NULL) {
-        /* Poll fewer connections this round; they are not lost. */
-        conns = fds_capacity > 2u ? fds_capacity - 2u : 0;
-      } else {
-        fds = grown;
-        fds_capacity = conns + 2u;
-      }
-    }
-    if (fds == NULL) {
-      struct pollfd wake = {bus->wake_rd, POLLIN, 0};
-      (void)poll(&wake, 1, 100);
-      continue;
-    }
-    fds[n].fd = bus->wake_rd;
-    fds[n++].events = POLLIN;
-    if (bus->listen_fd >= 0) {
-      fds[n].fd = bus->listen_fd;
-      fds[n++].events = POLLIN;
-    }
-    first_conn = n;
-    for (i = 0; i < conns; i++) {
-      _lmq_bus_conn *conn = bus->conns[i];
-      /* A stalled connection is not read; once its end is seen it is not
-       * polled at all until its frame goes (or it is dropped). */
-      fds[n].fd = conn->stalled && conn->hung_up ? -1 : conn->fd;
-      fds[n++].events = (short)((conn->stalled ? 0 : POLLIN) |
-                                (_lmq_bus_out_pending(conn) ? POLLOUT : 0));
-    }
-    for (i = 0; i < n; i++) fds[i].revents = 0;
-
-    if (poll(fds, n, waiting ? LMQ_BUS_STALL_POLL_MS : -1) < 0) {
+    for (c = 0; c < bus->conn_count; c++) _lmq_bus_watch(bus, bus->conns[c]);
+    n = epoll_wait(bus->epoll_fd, events, LMQ_BUS_EVENTS, waiting ? LMQ_BUS_STALL_POLL_MS : -1);
+    if (n < 0) {
       if (errno != EINTR) {
-        LMQ_LOG(LMQ_LVL_SEVERE, "%s(): poll failed (code %d)\n", __func__, -errno);
+        LMQ_LOG(LMQ_LVL_SEVERE, "%s(): epoll_wait failed (code %d)\n", __func__, -errno);
       }
       continue;
     }
-    if (fds[0].revents != 0) {
-      while (read(bus->wake_rd, drain, sizeof(drain)) > 0) {
-      }
-    }
-    /* Connections are only added at the end of the list and removed by
-     * the reaping below, so index i still names the polled one. */
-    for (i = 0; i < conns; i++) {
-      _lmq_bus_conn *conn = bus->conns[i];
-      short revents = fds[first_conn + i].revents;
-      if (revents & POLLOUT) _lmq_bus_flush(conn);
-      if (conn->stalled) {
-        if (revents & (POLLHUP | POLLERR)) conn->hung_up = 1;
-      } else if (revents & (POLLIN | POLLHUP | POLLERR)) {
-        _lmq_bus_receive(bus, conn, 1);
+    /* Connections are only freed by the reaping below, so every record
+     * named by an event is still there. */
+    for (i = 0; i < n; i++) {
+      if (events[i].data.u64 == LMQ_BUS_TAG_WAKE) {
+        while (read(bus->wake_rd, drain, sizeof(drain)) > 0) {
+        }
+      } else if (events[i].data.u64 == LMQ_BUS_TAG_LISTEN) {
+        accept_ready = 1;
+      } else {
+        _lmq_bus_conn_event((_lmq_bus_conn *)events[i].data.ptr, events[i].events, bus);
       }
     }
     /* Frames that waited for room may go now. */
-    for (i = 0; i < conns; i++) {
-      if (bus->conns[i]->stalled && !_lmq_bus_conn_is_dead(bus->conns[i], NULL)) {
-        _lmq_bus_receive(bus, bus->conns[i], 0);
+    for (c = 0; c < bus->conn_count; c++) {
+      if (bus->conns[c]->stalled && !_lmq_bus_conn_is_dead(bus->conns[c], NULL)) {
+        _lmq_bus_read(bus, bus->conns[c], 0);
       }
     }
-    if (bus->listen_fd >= 0 && (fds[1].revents & POLLIN)) _lmq_bus_accept(bus);
+    if (accept_ready) _lmq_bus_accept(bus);
     waiting = _lmq_bus_check_blocking(bus);
     _lmq_bus_reap(bus);
   }
-  free(fds);
   return NULL;
 }
 
@@ -1706,6 +1853,7 @@ static void _lmq_bus_free(lmq_bus *bus) {
   if (bus->listen_fd >= 0) close(bus->listen_fd);
   if (bus->wake_rd >= 0) close(bus->wake_rd);
   if (bus->wake_wr >= 0) close(bus->wake_wr);
+  if (bus->epoll_fd >= 0) close(bus->epoll_fd);
   pthread_cond_destroy(&bus->state_cond);
   pthread_mutex_destroy(&bus->state_mutex);
   free(bus);
@@ -1723,6 +1871,7 @@ static int _lmq_bus_new(lmq_server *server, uint32_t role, lmq_bus **out) {
   bus->listen_fd = -1;
   bus->wake_rd = -1;
   bus->wake_wr = -1;
+  bus->epoll_fd = -1;
   rc = pthread_mutex_init(&bus->state_mutex, NULL);
   if (rc != 0) {
     free(bus);
@@ -1746,14 +1895,35 @@ static int _lmq_bus_new(lmq_server *server, uint32_t role, lmq_bus **out) {
   }
   bus->wake_rd = fds[0];
   bus->wake_wr = fds[1];
+  bus->epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+  if (bus->epoll_fd < 0) {
+    rc = -errno;
+    _lmq_bus_free(bus);
+    return rc;
+  }
   *out = bus;
   return 0;
+}
+
+/* Puts one of the bus thread's own descriptors into its epoll set. */
+static int _lmq_bus_watch_own(lmq_bus *bus, int fd, uint64_t tag) {
+  struct epoll_event ev;
+
+  memset(&ev, 0, sizeof(ev));
+  ev.events = EPOLLIN;
+  ev.data.u64 = tag;
+  return epoll_ctl(bus->epoll_fd, EPOLL_CTL_ADD, fd, &ev) < 0 ? -errno : 0;
 }
 
 static int _lmq_bus_start(lmq_bus *bus) {
   pthread_attr_t attr;
   int rc;
 
+  rc = _lmq_bus_watch_own(bus, bus->wake_rd, LMQ_BUS_TAG_WAKE);
+  if (rc == 0 && bus->listen_fd >= 0) {
+    rc = _lmq_bus_watch_own(bus, bus->listen_fd, LMQ_BUS_TAG_LISTEN);
+  }
+  if (rc < 0) return rc;
   rc = _cspOsalPOSIX_pthread_attr_init(&attr);
   if (rc < 0) return rc;
   rc = _cspOsalPOSIX_pthread_attr_setname_norvi(&attr, "lmqbus");
@@ -1771,12 +1941,19 @@ int lmq_bus_shutdown(lmq_server *server) {
   struct stat st;
 
   if (bus == NULL) return -ENOTCONN;
+  pthread_mutex_lock(&server->mutex);
+  __atomic_store_n(&bus->stop, 1, __ATOMIC_RELEASE);
+  pthread_mutex_unlock(&server->mutex);
   if (bus->thread_started) {
-    __atomic_store_n(&bus->stop, 1, __ATOMIC_RELEASE);
     _lmq_bus_wake(bus);
     pthread_join(bus->thread, NULL);
     bus->thread_started = 0;
   }
+  /* No new leader starts once stop is set; those inside end within their
+   * timeout, and may still change the tables until then. */
+  pthread_mutex_lock(&bus->state_mutex);
+  while (bus->leaders > 0) _lmq_bus_wait_state(bus, NULL);
+  pthread_mutex_unlock(&bus->state_mutex);
   pthread_mutex_lock(&server->mutex);
   pthread_mutex_lock(&bus->state_mutex);
   _lmq_bus_forget_nolock(bus, 0, 0);
@@ -1981,11 +2158,8 @@ static int _lmq_bus_dial(const struct sockaddr_un *addr, const _cspOsalTime_stru
     close(fd);
     return rc;
   }
-  if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK) < 0) {
-    rc = -errno;
-    close(fd);
-    return rc;
-  }
+  /* The socket stays blocking: every read and write of the bus says
+   * MSG_DONTWAIT, and only a leader waits in recv (lmqClientLeadBus). */
   return fd;
 }
 
@@ -2142,6 +2316,159 @@ int lmqServerBusClose(lmq_server *server) {
   pthread_mutex_lock(&server->bus_mutex);
   rc = lmq_bus_shutdown(server);
   pthread_mutex_unlock(&server->bus_mutex);
+  return rc;
+}
+
+/* --- Leading ---------------------------------------------------------------- */
+
+/* Takes a peer's hub connection from the bus thread, which stops watching
+ * its input. Refused while another thread leads (-16), for a dead
+ * connection (-107), and for one that cannot be handed over now (-11):
+ * not watched yet, or with output waiting (only the bus thread writes
+ * that out). */
+static int _lmq_bus_lead_take(lmq_bus *bus, _lmq_bus_conn *conn) {
+  int rc = 0;
+
+  pthread_mutex_lock(&conn->in_mutex);
+  if (conn->led) {
+    rc = -EBUSY;
+  } else if (_lmq_bus_conn_is_dead(conn, NULL)) {
+    rc = -ENOTCONN;
+  } else if (!conn->watched || _lmq_bus_out_pending(conn)) {
+    rc = -EAGAIN;
+  } else {
+    _lmq_bus_watch_nolock(bus, conn, 1, LMQ_BUS_LED_EVENTS);
+    conn->led = conn->events == LMQ_BUS_LED_EVENTS;
+    if (!conn->led) rc = -ENOTCONN;
+  }
+  pthread_mutex_unlock(&conn->in_mutex);
+  return rc;
+}
+
+/* Gives the connection back: the bus thread watches it again at once, so
+ * whatever arrived meanwhile wakes it. */
+static void _lmq_bus_lead_give(lmq_bus *bus, _lmq_bus_conn *conn) {
+  uint32_t events = (uint32_t)EPOLLIN | (_lmq_bus_out_pending(conn) ? (uint32_t)EPOLLOUT : 0u);
+
+  pthread_mutex_lock(&conn->in_mutex);
+  conn->led = 0;
+  _lmq_bus_watch_nolock(bus, conn, 1, events);
+  pthread_mutex_unlock(&conn->in_mutex);
+}
+
+/* Milliseconds from now to deadline, 0 once passed. */
+static int _lmq_bus_ms_left(const struct timespec *deadline) {
+  struct timespec now;
+  int64_t ms;
+
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  ms = ((int64_t)deadline->tv_sec - now.tv_sec) * 1000 +
+       (deadline->tv_nsec - now.tv_nsec + 999999L) / 1000000L;
+  if (ms <= 0) return 0;
+  return ms > INT32_MAX ? INT32_MAX : (int)ms;
+}
+
+/* Waits up to ms for input on the led connection and reads it into the
+ * input buffer: a blocking recv, whose timeout is set on the socket when
+ * it changes (a leader's first wait is usually its only one). Returns
+ * what recv returned; -1 with EAGAIN when the time ran out. */
+static ssize_t _lmq_bus_lead_recv(_lmq_bus_conn *conn, int ms) {
+  ssize_t n;
+
+  if (conn->lead_timeout_ms != ms) {
+    struct timeval tv;
+    tv.tv_sec = ms / 1000;
+    tv.tv_usec = (ms % 1000) * 1000;
+    if (setsockopt(conn->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) < 0) return -1;
+    conn->lead_timeout_ms = ms;
+  }
+  do {
+    n = recv(conn->fd, conn->in + conn->in_len, LMQ_BUS_IN_BYTES - conn->in_len, 0);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
+
+/* Reads and handles the led connection until done, the deadline, mail for
+ * the client's receiver, or the connection's end. While it leads, the
+ * input side is this thread's alone. */
+static int _lmq_bus_lead_loop(lmq_bus *bus, _lmq_bus_conn *conn, _lmq_client_rec *rec,
+                              uint32_t timeout_ms, lmq_lead_done_fn done, void *context) {
+  struct timespec deadline;
+  lmq_offer offer;
+  int ms = timeout_ms > INT32_MAX ? INT32_MAX : (int)timeout_ms;
+
+  offer.target = NULL;
+  conn->offer = &offer;
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += ms / 1000;
+  deadline.tv_nsec += (long)(ms % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec++;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  for (;;) {
+    ssize_t n;
+
+    if (done(context)) return 0;
+    if (lmq_client_has_mail(rec)) return -EAGAIN;
+    if (_lmq_bus_conn_is_dead(conn, NULL)) return -ENOTCONN;
+    if (ms == 0) return -ETIMEDOUT;
+    n = _lmq_bus_lead_recv(conn, ms);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      ms = _lmq_bus_ms_left(&deadline);
+      continue;
+    }
+    if (n < 0 && errno != ECONNRESET) return -errno;
+    t_lmq_bus_reading = 1;
+    _lmq_bus_receive(bus, conn, 1, n);
+    t_lmq_bus_reading = 0;
+    ms = _lmq_bus_ms_left(&deadline);
+  }
+}
+
+/* A leader is done with the bus: the last one lets a shutdown go on and
+ * the bus thread close what died meanwhile. */
+static void _lmq_bus_leader_leave(lmq_bus *bus) {
+  int wake;
+
+  pthread_mutex_lock(&bus->state_mutex);
+  bus->leaders--;
+  wake = bus->leaders == 0 && bus->reap_deferred;
+  if (wake) bus->reap_deferred = 0;
+  if (bus->leaders == 0) pthread_cond_broadcast(&bus->state_cond);
+  pthread_mutex_unlock(&bus->state_mutex);
+  if (wake) _lmq_bus_wake(bus);
+}
+
+int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
+                 lmq_lead_done_fn done, void *context) {
+  _lmq_bus_conn *conn;
+  lmq_bus *bus;
+  int rc;
+
+  if (t_lmq_bus_reading) return -EBUSY;
+  pthread_mutex_lock(&server->mutex);
+  bus = server->bus;
+  conn = bus != NULL && !__atomic_load_n(&bus->stop, __ATOMIC_ACQUIRE)
+             ? _lmq_bus_hub_conn_nolock(bus)
+             : NULL;
+  if (conn == NULL || !conn->active) {
+    pthread_mutex_unlock(&server->mutex);
+    return -ENOTCONN;
+  }
+  /* Counted before the server mutex goes: the connection is not freed and
+   * the bus not closed while a leader is inside. */
+  pthread_mutex_lock(&bus->state_mutex);
+  bus->leaders++;
+  pthread_mutex_unlock(&bus->state_mutex);
+  pthread_mutex_unlock(&server->mutex);
+
+  rc = _lmq_bus_lead_take(bus, conn);
+  if (rc == 0) {
+    rc = _lmq_bus_lead_loop(bus, conn, rec, timeout_ms, done, context);
+    _lmq_bus_lead_give(bus, conn);
+  }
+  _lmq_bus_leader_leave(bus);
   return rc;
 }
 

@@ -65,6 +65,11 @@ int lmq_bus_asks_hub_nolock(const lmq_server *server);
  * is gone. */
 int lmq_bus_register(lmq_server *server, const char *name, size_t len, int16_t *id);
 
+/* lmqClientLeadBus for a client of server whose last send went to other
+ * nodes only. No lmq mutex held. */
+int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
+                 lmq_lead_done_fn done, void *context);
+
 /* Closes the bus side of a server, if any: ends the bus thread, drops what
  * is known of other nodes and closes the sockets. Called with the bus
  * mutex held and the server mutex free. Returns 0 or -107 (no bus). */

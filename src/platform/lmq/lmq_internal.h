@@ -73,6 +73,8 @@ struct _lmq_client_rec {
   lmq_server *server;     /* attached server or null (atomic) */
   _lmq_client_rec *next;  /* server's bucket chain, server mutex */
   uint32_t sequence;      /* messages sent through this client (atomic) */
+  uint32_t remote_sequence; /* sequence of the last send that went to other
+                               nodes only (atomic) */
   uint32_t received;      /* messages taken; receiving thread only */
   uint32_t waiting;       /* receiver blocked on cond; client mutex */
   uint32_t wakeups;       /* uptime clock moves seen; client mutex */
@@ -85,6 +87,7 @@ struct _lmq_client_rec {
                              mutex */
   lmq_idle_reply_fn idle_reply;  /* client mutex */
   void *idle_reply_context;      /* client mutex */
+  uint32_t idle_kinds;           /* LMQ_IDLE_* offered; client mutex */
   lmq_queue queue;        /* client mutex */
   pthread_mutex_t mutex;
   pthread_cond_t cond;    /* on CLOCK_MONOTONIC */
@@ -106,9 +109,10 @@ struct lmq_server {
   _lmq_service *services[LMQ_BUCKETS];
 };
 
-/* A reply that lmq_deliver queued and holds back for the target's idle
- * reply handler; lmq_offer_run hands it over once the deliverer has let
- * go of the server mutex. Lives on the deliverer's stack. */
+/* A reply or notification that lmq_deliver queued and holds back for the
+ * target's idle handler; lmq_offer_run hands it over once the deliverer
+ * has let go of the server mutex. Lives on the deliverer's stack; one
+ * message at a time (target null: free). */
 typedef struct lmq_offer {
   _lmq_client_rec *target; /* null: nothing offered */
   lmq_idle_reply_fn handler;
@@ -121,16 +125,20 @@ typedef struct lmq_offer {
 /* --- lmq.c, for the bus ------------------------------------------------- */
 
 /* Queues a message for target and wakes its receiver; see lmq.c. With a
- * non-null offer, a reply for an idle receiver with an idle reply handler
- * is held back in *offer instead of waking the receiver, and the caller
- * must call lmq_offer_run after releasing the server mutex. Returns 0, -90
- * or -105. */
+ * non-null, free offer, a message that an idle receiver's idle handler
+ * takes is held back in *offer instead of waking the receiver, and the
+ * caller must call lmq_offer_run after releasing the server mutex.
+ * Returns 0, -90 or -105. */
 int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iovec *vector,
                 uint32_t count, uint32_t size, int signal_locked, lmq_offer *offer);
 
 /* Hands a held-back reply to its handler, with no lmq mutex held, then
  * lets the receiver go on; does nothing when nothing was offered. */
 void lmq_offer_run(lmq_offer *offer);
+
+/* True when the client's receiver has a message to take or one is being
+ * offered to its idle handler. */
+int lmq_client_has_mail(_lmq_client_rec *rec);
 
 /* Queues a system message of type for target about the client peer_client
  * of node peer_node; a queue without room drops and logs it. */
