@@ -1250,13 +1250,29 @@ static int _lmq_bus_hub_message_nolock(lmq_bus *bus, _lmq_bus_conn *conn,
   return 0;
 }
 
+/* Either side: a ping is answered with a pong of the same token, a pong
+ * ends the sync that waits for its token. */
+static void _lmq_bus_ping_pong(lmq_bus *bus, _lmq_bus_conn *conn, const lmq_frame *frame) {
+  lmq_frame out;
+
+  if (frame->type == LMQ_FRAME_PING) {
+    _lmq_bus_frame_init(&out, LMQ_FRAME_PONG);
+    out.token = frame->token;
+    _lmq_bus_control(bus, conn, &out);
+    return;
+  }
+  pthread_mutex_lock(&bus->state_mutex);
+  conn->ponged = frame->token;
+  pthread_cond_broadcast(&bus->state_cond);
+  pthread_mutex_unlock(&bus->state_mutex);
+}
+
 /* Handles one frame from a peer, server mutex held. Returns 0, 1 (stop
  * reading this connection), LMQ_BUS_WAIT (try the frame again later),
  * -74 with why filled, -12. */
 static int _lmq_bus_hub_frame_nolock(lmq_bus *bus, _lmq_bus_conn *conn, const lmq_frame *frame,
                                      char *why, size_t why_size) {
   _lmq_service *service = NULL;
-  lmq_frame out;
 
   if (!conn->active) {
     if (frame->type != LMQ_FRAME_HELLO) return _lmq_bus_unexpected(why, why_size, frame);
@@ -1264,15 +1280,8 @@ static int _lmq_bus_hub_frame_nolock(lmq_bus *bus, _lmq_bus_conn *conn, const lm
   }
   switch (frame->type) {
     case LMQ_FRAME_PING:
-      _lmq_bus_frame_init(&out, LMQ_FRAME_PONG);
-      out.token = frame->token;
-      _lmq_bus_control(bus, conn, &out);
-      return 0;
     case LMQ_FRAME_PONG:
-      pthread_mutex_lock(&bus->state_mutex);
-      conn->ponged = frame->token;
-      pthread_cond_broadcast(&bus->state_cond);
-      pthread_mutex_unlock(&bus->state_mutex);
+      _lmq_bus_ping_pong(bus, conn, frame);
       return 0;
     case LMQ_FRAME_CLIENT_ADD:
     case LMQ_FRAME_CLIENT_DEL:
@@ -1382,7 +1391,6 @@ static int _lmq_bus_peer_frame_nolock(lmq_bus *bus, _lmq_bus_conn *conn, const l
                                       char *why, size_t why_size) {
   lmq_server *server = bus->server;
   _lmq_service *service;
-  lmq_frame out;
   int rc;
 
   if (!conn->active && frame->type != LMQ_FRAME_WELCOME && frame->type != LMQ_FRAME_REFUSED) {
@@ -1405,15 +1413,8 @@ static int _lmq_bus_peer_frame_nolock(lmq_bus *bus, _lmq_bus_conn *conn, const l
       pthread_mutex_unlock(&bus->state_mutex);
       return 1;
     case LMQ_FRAME_PING:
-      _lmq_bus_frame_init(&out, LMQ_FRAME_PONG);
-      out.token = frame->token;
-      _lmq_bus_control(bus, conn, &out);
-      return 0;
     case LMQ_FRAME_PONG:
-      pthread_mutex_lock(&bus->state_mutex);
-      conn->ponged = frame->token;
-      pthread_cond_broadcast(&bus->state_cond);
-      pthread_mutex_unlock(&bus->state_mutex);
+      _lmq_bus_ping_pong(bus, conn, frame);
       return 0;
     case LMQ_FRAME_CLIENT_ADD:
       if (frame->node == server->node || frame->node == 0 || frame->client == 0) break;
@@ -2394,18 +2395,15 @@ static ssize_t _lmq_bus_lead_recv(_lmq_bus_conn *conn, int ms) {
 static int _lmq_bus_lead_loop(lmq_bus *bus, _lmq_bus_conn *conn, _lmq_client_rec *rec,
                               uint32_t timeout_ms, lmq_lead_done_fn done, void *context) {
   struct timespec deadline;
+  _cspOsalTime_struct timeout;
   lmq_offer offer;
   int ms = timeout_ms > INT32_MAX ? INT32_MAX : (int)timeout_ms;
 
   offer.target = NULL;
   conn->offer = &offer;
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += ms / 1000;
-  deadline.tv_nsec += (long)(ms % 1000) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec++;
-    deadline.tv_nsec -= 1000000000L;
-  }
+  timeout.sec = ms / 1000;
+  timeout.usec = (ms % 1000) * 1000;
+  _lmq_bus_deadline(&deadline, &timeout);
   for (;;) {
     ssize_t n;
 
