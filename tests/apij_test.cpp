@@ -121,6 +121,7 @@ TEST_F(ApijTest, NullInstanceIsRefusedEverywhere) {
   EXPECT_EQ(apij_JobAssignTmrId(nullptr, 1, 5), -22);
   EXPECT_EQ(apij_JobRefGet(nullptr, 1, nullptr), -22);
   EXPECT_EQ(apij_JobRefGetTmr(nullptr, 5, nullptr), -22);
+  EXPECT_EQ(apij_JobIsDone(nullptr, 1), -22);
   EXPECT_EQ(apij_JobRefRelease(nullptr, &ref), -22);
   EXPECT_EQ(ref.magic, APIJ_JOB_REF_MAGIC);  // not released
   EXPECT_EQ(apij_CbRegister(nullptr, ProbeCallback, nullptr), -22);
@@ -135,6 +136,7 @@ TEST_F(ApijTest, NullInstanceIsRefusedEverywhere) {
                              "apij_JobAssignTmrId(NULL): need context pointer\n",
                              "apij_JobRefGet(NULL): need context pointer\n",
                              "apij_JobRefGetTmr(NULL): need context pointer\n",
+                             "apij_JobIsDone(NULL): need context pointer\n",
                              "apij_JobRefRelease(NULL): need context pointer\n",
                              "apij_CbRegister(NULL): need context pointer\n",
                              "apij_CbUnregister(NULL): need context pointer\n",
@@ -358,6 +360,24 @@ TEST_F(ApijTest, JobDoneOnUnknownDeletedAndDoneDeletedJobs) {
                                 "_apij_JobDone_nolock(): job id 2 alredy done.\n"}));
   EXPECT_EQ(apij_JobRefRelease(inst, &open), 0);
   EXPECT_EQ(apij_JobRefRelease(inst, &done), 0);
+}
+
+TEST_F(ApijTest, IsDoneTellsOpenDoneAndUnknownJobsApartWithoutAReference) {
+  Make();
+  apij_job_ref held;
+  ASSERT_EQ(apij_JobCreate(inst, nullptr, -1, 0, nullptr), 1);
+  ASSERT_EQ(apij_JobCreate(inst, nullptr, -1, 0, &held), 2);
+  EXPECT_EQ(apij_JobIsDone(inst, 1), 0);
+  ASSERT_EQ(apij_JobDone(inst, 1, 5), 0);
+  EXPECT_EQ(apij_JobIsDone(inst, 1), 1);
+  EXPECT_EQ(apij_JobIsDone(inst, 99), -2);
+  // A deleted job still held by a reference is unknown too.
+  ASSERT_EQ(apij_JobDestroy(inst, 2), 0);
+  EXPECT_EQ(apij_JobIsDone(inst, 2), -2);
+  EXPECT_EQ(apij_JobRefRelease(inst, &held), 0);
+  // No count was taken: the job goes with its destroy.
+  EXPECT_EQ(apij_JobDestroy(inst, 1), 0);
+  EXPECT_EQ(alloc.live_blocks(), 1u);
 }
 
 TEST_F(ApijTest, ReferenceIsASnapshot) {

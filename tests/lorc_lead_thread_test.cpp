@@ -621,6 +621,50 @@ TEST_F(LeadAcrossBus, BulkJobWaitingForAnUpdateGetsIt) {
   EXPECT_EQ(updates[0].tid, testsupport::current_tid()) << dump_with_threads(log);
 }
 
+// Between the synchronous calls of one thread the connection to the hub
+// stays parked for the next call; calls that do not lead (an asynchronous
+// set, a synchronous bulk job) still get their answers at once, even with
+// a parking time far beyond their timeouts.
+TEST_F(LeadAcrossBus, CallsThatDoNotLeadAreAnsweredWhileParked) {
+  start_both();
+  ASSERT_EQ(lmqServerBusSetParking(m_peer->get(), 30000000u), 0);
+  const std::string path = "/com/norvi/park";
+  auto parked_after_sync_calls = [&] {
+    // The first leader after a call that did not lead gives the connection
+    // back; a later one parks. (A reply that reaches "lorcmain" because it
+    // was still busy makes that leader give it back too.)
+    idle();
+    EXPECT_EQ(set_value(m_client, path, "sync1"), 0);
+    for (int i = 0; i < 10; i++) {
+      EXPECT_EQ(set_value(m_client, path, "sync2"), 0);
+      if (m_peer->status().parked == 1u) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(parked_after_sync_calls());
+
+  int job = lorc_value_set(m_client, 0, path.c_str(), "async", 5, 0, 0);
+  ASSERT_GT(job, 0);
+  EXPECT_EQ(lorc_job_wait(m_client, job, 5), 0);
+  int32_t value = -1;
+  ASSERT_EQ(lorc_job_get_result(m_client, job, &value), 0);
+  EXPECT_EQ(value, 0);
+
+  ASSERT_TRUE(parked_after_sync_calls());
+  lorkc_container *keys = lorkc_create(4096, nullptr);
+  ASSERT_NE(keys, nullptr);
+  lorc_key_struct read{path.c_str(), LORC_BULKOP_QUERY, nullptr, 0};
+  ASSERT_EQ(lorkc_insert(keys, &read), 0);
+  EXPECT_EQ(lorc_bulk_operation(m_client, keys, 5), 0);
+  lorkc_it it;
+  ASSERT_EQ(lorkc_it_find(keys, &it, path.c_str()), 1);
+  EXPECT_EQ(std::string(static_cast<const char *>(it.key.value), it.key.value_len), "sync2");
+  EXPECT_EQ(lorkc_destroy(keys), 0);
+
+  ASSERT_TRUE(parked_after_sync_calls());
+  EXPECT_EQ(query_value(m_client, path), "sync2");
+}
+
 // 9. Client and server on one message server: no bus to read, the calls
 // work as they always did.
 TEST(LeadSameServer, SynchronousCallsWorkWithoutABus) {

@@ -165,6 +165,10 @@ LOREG_EXPORT int apij_JobAssignTmrId(apij_inst *inst, int32_t jobId, int32_t tmr
  */
 LOREG_EXPORT int apij_JobRefGet(apij_inst *inst, int32_t jobId, apij_job_ref *refOut);
 
+/* Whether a job is done, without a reference: 1 done, 0 not yet, -2 for
+ * an unknown or deleted job, -22/-37 for the instance. */
+LOREG_EXPORT int apij_JobIsDone(apij_inst *inst, int32_t jobId);
+
 /* The same as apij_JobRefGet, finding the first non-deleted job with the
  * timer id. */
 LOREG_EXPORT int apij_JobRefGetTmr(apij_inst *inst, int32_t tmrId, apij_job_ref *refOut);

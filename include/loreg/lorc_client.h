@@ -187,12 +187,17 @@ LOREG_EXPORT int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *r
 /* Called by a synchronous call right after it sent the request of a simple
  * job, before it waits: if the request went to a server in another
  * process, the calling thread reads the bus itself for a short while
- * (LORC_LEAD_MS), so that the reply wakes it directly; it returns when
- * the job is done, or when the reply may come another way. The wait that
- * follows then ends at once, or waits as usual; so a call that expires
- * lasts at most LORC_LEAD_MS longer than its timeOut. Normal mode only. */
+ * (LORC_LEAD_MS), so that the reply wakes it directly; it returns 1 when
+ * the job is done (the caller need not wait), 0 when the reply may come
+ * another way and the caller waits as usual; so a call that expires lasts
+ * at most LORC_LEAD_MS longer than its timeOut. Normal mode only. */
 #define LORC_LEAD_MS 20u
-LOREG_EXPORT void lorc_client_lead(lorc_client *client, int32_t jobId);
+LOREG_EXPORT int lorc_client_lead(lorc_client *client, int32_t jobId);
+/* Says, right before a synchronous call sends the request of a simple
+ * job (will_lead 1), that lorc_client_lead follows the send, or takes
+ * that back when the request could not be started (0): the bus may then
+ * keep its connection for this thread between calls. Normal mode only. */
+LOREG_EXPORT void lorc_client_lead_next(lorc_client *client, int will_lead);
 /* Sends the idle notification 0x200A to the client's own queue, which
  * wakes the message loop; returns the send's result. */
 LOREG_EXPORT int lorc_client_send_idle(lorc_client *client);

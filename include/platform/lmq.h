@@ -173,6 +173,8 @@ typedef struct lmq_bus_status {
   uint32_t hub_node; /* the hub's node (a hub: its own); 0 when a peer's
                         hub is gone */
   uint32_t peers;    /* a hub: peers connected; a peer: 1 while connected */
+  uint32_t parked;   /* a peer: 1 while a leader left its hub connection
+                        parked for the next one (lmqClientLeadNext) */
 } lmq_bus_status;
 
 /* Called by lmqCXHandleSystemMessage for a decoded system message. */
@@ -267,6 +269,17 @@ CSP_EXPORT int lmqServerBusSync(lmq_server *server, const _cspOsalTime_struct *t
  */
 CSP_EXPORT int lmqServerBusClose(lmq_server *server);
 
+/*
+ * How long, at most, a leader may leave a peer's hub connection parked
+ * for the next leader (see lmqClientLeadNext): max_us microseconds, up to
+ * LMQ_BUS_PARK_US_MAX; 0 makes every leader give it back at once. Messages
+ * that arrive unasked meanwhile wait that long at worst. Returns 0 or
+ * -22.
+ */
+#define LMQ_BUS_PARK_US_DEFAULT 1000u
+#define LMQ_BUS_PARK_US_MAX 60000000u
+CSP_EXPORT int lmqServerBusSetParking(lmq_server *server, uint32_t max_us);
+
 /* Describes the server's place on a bus. Returns 0 or -22. */
 CSP_EXPORT int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status);
 
@@ -296,6 +309,22 @@ CSP_EXPORT int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status);
 typedef int (*lmq_lead_done_fn)(void *context);
 CSP_EXPORT int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lead_done_fn done,
                                 void *context);
+
+/*
+ * Announces (will_lead non-zero) that the calling thread leads the bus
+ * right after its next send to another node, through client or any other
+ * client of the process; 0 withdraws it. A leader whose answer came then
+ * leaves the hub connection parked for the next leader, which saves the
+ * hand-over in both directions to a thread that calls in a loop. Every
+ * other send to the hub gives a parked connection back to the bus thread
+ * at once, and keeps leaders from parking until one gave it back; what
+ * arrives unasked while the connection is parked (notifications, commands
+ * for hosts of this process) waits until the next leader reads it, or
+ * the bus thread takes the connection back after at most the server's
+ * parking time (lmqServerBusSetParking). The announcement is used up by
+ * that send or by lmqClientLeadBus. Returns 0 or -22.
+ */
+CSP_EXPORT int lmqClientLeadNext(lmq_client *client, int will_lead);
 
 /* --- Services -------------------------------------------------------- */
 

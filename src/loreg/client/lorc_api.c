@@ -76,6 +76,7 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
   int32_t jobId;
   apij_job_ref ref;
   int waitRc;
+  int lead;
   int rc;
   int value;
 
@@ -97,8 +98,13 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
   LORC_API_LOG(LOREG_LVL_DETAIL, "%s(): created job=%d, cbid=%d, timeout=%d\n", callerName,
                (int)jobId, (int)callbackId, (int)timeOut);
 
+  /* A synchronous simple request is answered in this thread if it can
+   * (lorc_client_lead); the bus hears of it before the request goes. */
+  lead = timeOut >= 1 && (lorc_request_type(request) & LORC_REQ_KIND_MASK) == LORC_REQ_SIMPLE;
+  if (lead) lorc_client_lead_next(client, 1);
   rc = _lorc_request_start(client, request, path, jobId, callerName);
   if (rc != 0) {
+    if (lead) lorc_client_lead_next(client, 0);
     apij_JobDestroy(client->jobs, jobId);
     return rc;
   }
@@ -108,10 +114,9 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
   }
 
   LORC_API_LOG(LOREG_LVL_TRACE, "%s(): sync job=%d\n", callerName, (int)jobId);
-  if ((lorc_request_type(request) & LORC_REQ_KIND_MASK) == LORC_REQ_SIMPLE) {
-    lorc_client_lead(client, jobId);
-  }
-  waitRc = lorc_client_wait(client, jobId, NULL, timeOut);
+  /* A job the lead saw done needs no wait: its result stays in the job. */
+  waitRc = lead && lorc_client_lead(client, jobId) ? 0
+                                                   : lorc_client_wait(client, jobId, NULL, timeOut);
   rc = apij_JobRefGet(client->jobs, jobId, &ref);
   if (rc <= 0) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(sync job=%d): failed re-obtaining job reference. (code=%d)\n",

@@ -110,33 +110,40 @@ int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result, int32_
   return rc;
 }
 
-/* The job of a leading call, for its done test. */
+/* The job of a leading call, for its done test, and what that test saw
+ * last (apij_JobIsDone). */
 typedef struct lorc_lead_probe {
   apij_inst *jobs;
   int32_t jobId;
+  int state;
 } lorc_lead_probe;
 
 /* Done, or gone (the wait that follows tells how). */
 static int _lorc_lead_job_done(void *context) {
-  const lorc_lead_probe *probe = (const lorc_lead_probe *)context;
-  apij_job_ref ref;
-  int done;
+  lorc_lead_probe *probe = (lorc_lead_probe *)context;
 
-  if (apij_JobRefGet(probe->jobs, probe->jobId, &ref) <= 0) return 1;
-  done = ref.done != 0;
-  apij_JobRefRelease(probe->jobs, &ref);
-  return done;
+  probe->state = apij_JobIsDone(probe->jobs, probe->jobId);
+  return probe->state != 0;
 }
 
-void lorc_client_lead(lorc_client *client, int32_t jobId) {
+int lorc_client_lead(lorc_client *client, int32_t jobId) {
   lorc_lead_probe probe;
 
   /* In the external mode the owner's loop completes every job. */
-  if (client->lmq.queue == NULL) return;
+  if (client->lmq.queue == NULL) return 0;
   probe.jobs = client->jobs;
   probe.jobId = jobId;
+  probe.state = 0;
   /* Any answer but done leaves the job to the wait, as without leading. */
-  (void)lmqClientLeadBus(client->lmq.client, LORC_LEAD_MS, _lorc_lead_job_done, &probe);
+  if (lmqClientLeadBus(client->lmq.client, LORC_LEAD_MS, _lorc_lead_job_done, &probe) != 0) {
+    return 0;
+  }
+  return probe.state == 1;
+}
+
+void lorc_client_lead_next(lorc_client *client, int will_lead) {
+  if (client->lmq.queue == NULL) return;
+  (void)lmqClientLeadNext(client->lmq.client, will_lead);
 }
 
 int lorc_client_send_idle(lorc_client *client) {

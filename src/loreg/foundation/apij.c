@@ -635,6 +635,17 @@ int apij_JobRefGet(apij_inst *inst, int32_t jobId, apij_job_ref *refOut) {
   return rc;
 }
 
+int apij_JobIsDone(apij_inst *inst, int32_t jobId) {
+  apij_job_node *job;
+  int rc = _apij_inst_lock(inst, __func__);
+
+  if (rc != 0) return rc;
+  job = _apij_job_find_live_nolock(inst, jobId);
+  rc = job == NULL ? -ENOENT : job->ref.done != 0;
+  _apij_inst_unlock(inst);
+  return rc;
+}
+
 int apij_JobRefGetTmr(apij_inst *inst, int32_t tmrId, apij_job_ref *refOut) {
   apij_job_node *job;
   int rc;

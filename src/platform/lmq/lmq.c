@@ -607,6 +607,7 @@ int lmqServerCreate(lmq_server **server) {
     return -rc;
   }
   created->node = _lmq_new_node();
+  created->park_us = LMQ_BUS_PARK_US_DEFAULT;
   created->magic = LMQ_SERVER_MAGIC;
   rc = cspOsalUptimeListenerAdd(_lmq_uptime_moved, created);
   if (rc < 0) {
@@ -1002,12 +1003,19 @@ int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lead_done_fn d
   uint32_t remote;
 
   if (rec == NULL || done == NULL) return -EINVAL;
+  lmq_bus_lead_next(0);
   server = _lmq_attached_server(rec);
   if (server == NULL) return -ENOENT;
   /* 0: nothing sent yet (a send numbered 0, once in 2^32, does not lead). */
   remote = __atomic_load_n(&rec->remote_sequence, __ATOMIC_RELAXED);
   if (remote == 0 || remote != __atomic_load_n(&rec->sequence, __ATOMIC_RELAXED)) return -EAGAIN;
   return lmq_bus_lead(server, rec, timeout_ms, done, context);
+}
+
+int lmqClientLeadNext(lmq_client *client, int will_lead) {
+  if (_lmq_rec(client) == NULL) return -EINVAL;
+  lmq_bus_lead_next(will_lead);
+  return 0;
 }
 
 /* Whether the receiver may take the head of its queue: there is one, and

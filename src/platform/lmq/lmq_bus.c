@@ -100,6 +100,16 @@
  * the bus thread, which would have to hand it over. Connections are not
  * reaped and the bus is not closed while a leader is inside.
  *
+ * Parking. A leader whose answer came, and whose thread announced the
+ * lead before its send (lmqClientLeadNext), leaves the connection as it
+ * is, input unwatched, for the next leader: a thread that calls in a loop
+ * then pays no epoll_ctl at all. The bus thread takes a parked connection
+ * back when a timer, armed by the first park, says that the server's
+ * parking time (park_us) is over, when it has output to write there, or
+ * when a send that no lead follows wakes it; such a send also keeps
+ * leaders from parking until one gave the connection back. What else
+ * arrives meanwhile waits at most the parking time.
+ *
  * Locking. server->bus_mutex (set-up, teardown, sync and registration
  * round trips; the bus thread never takes it), then a connection's
  * in_mutex (its reader: the bus thread while it reads, a leader while it
@@ -126,6 +136,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -165,6 +176,7 @@
  * are tagged by their record). */
 #define LMQ_BUS_TAG_WAKE 0u
 #define LMQ_BUS_TAG_LISTEN 1u
+#define LMQ_BUS_TAG_PARK 2u
 
 _Static_assert(LMQ_BUS_IN_BYTES >= LMQ_FRAME_LENGTH_SIZE + LMQ_FRAME_MAX,
                "input buffer must hold a largest frame");
@@ -187,6 +199,12 @@ typedef struct _lmq_bus_conn {
                         thread, which watches only its end meanwhile; the
                         leader alone uses in, in_len and offer then */
   int lead_timeout_ms; /* leader only: receive timeout set on the socket */
+  int parked;        /* atomic, changed under in_mutex: no leader, and the
+                        bus thread still watches only the end, until it
+                        takes the connection back or a leader comes */
+  int yield;         /* atomic: a thread sent without leading after it, or
+                        failed to lead, since a leader last gave the
+                        connection back: leaders do not park it */
   int watched;       /* in_mutex: in the bus thread's epoll set */
   uint32_t events;   /* in_mutex: the events watched there */
   pthread_mutex_t out_mutex;
@@ -221,6 +239,8 @@ struct lmq_bus {
   int wake_rd;
   int wake_wr;
   int epoll_fd;
+  int park_fd;    /* timer that ends parking; -1: leaders do not park */
+  int park_armed; /* atomic: park_fd runs and the bus thread has not read it */
   char path[sizeof(((struct sockaddr_un *)0)->sun_path)];
   dev_t dev; /* of the hub's socket file, to unlink only our own */
   ino_t ino;
@@ -252,6 +272,13 @@ struct lmq_bus {
 /* Set while a thread reads a connection, so that an idle handler running
  * there cannot try to lead (and wait for itself). */
 static __thread int t_lmq_bus_reading;
+
+/* The bus whose thread this is. */
+static __thread const lmq_bus *t_lmq_bus_self;
+
+/* Set by lmqClientLeadNext: this thread's next send to a hub is followed
+ * by lmqClientLeadBus. */
+static __thread int t_lmq_bus_lead_next;
 
 /* The bus whose thread is handling frames, in that thread: frames it
  * sends meanwhile wait in the output buffers and go out in one write per
@@ -606,6 +633,23 @@ static void _lmq_bus_out_append(_lmq_bus_conn *conn, const unsigned char *head, 
 
 static void _lmq_bus_flush_nolock(_lmq_bus_conn *conn);
 
+/* A send to the hub by a thread that does not read the connection: unless
+ * that thread leads right after it (lmqClientLeadNext), the answer must
+ * not wait in a parked connection. Leaders stop parking it, and a parked
+ * one goes back to the bus thread at once. Returns whether the bus thread
+ * must wake for that. */
+static int _lmq_bus_sent_unled(const lmq_bus *bus, _lmq_bus_conn *conn) {
+  if (bus->role != LMQ_BUS_PEER || t_lmq_bus_reading || t_lmq_bus_self == bus) return 0;
+  if (t_lmq_bus_lead_next) {
+    t_lmq_bus_lead_next = 0;
+    return 0;
+  }
+  /* Paired with _lmq_bus_lead_park: either the leader sees yield, or
+   * this thread sees the connection parked. */
+  __atomic_store_n(&conn->yield, 1, __ATOMIC_SEQ_CST);
+  return __atomic_load_n(&conn->parked, __ATOMIC_SEQ_CST);
+}
+
 /*
  * Sends one frame: head_len bytes of head, then tail_len bytes gathered
  * from the vector. With an empty output buffer it is written at once as
@@ -690,6 +734,7 @@ static int _lmq_bus_conn_write(lmq_bus *bus, _lmq_bus_conn *conn, const unsigned
   }
 out:
   pthread_mutex_unlock(&conn->out_mutex);
+  if (rc == 0 && _lmq_bus_sent_unled(bus, conn)) wake = 1;
   if (wake) _lmq_bus_wake(bus);
   return rc;
 }
@@ -1614,13 +1659,22 @@ static void _lmq_bus_uncork_one(_lmq_bus_conn *conn) {
   if (corked) _lmq_bus_flush(conn);
 }
 
-static int _lmq_bus_out_pending(_lmq_bus_conn *conn) {
-  int pending;
+/* The output side in one look: dead, output waiting, or neither (0). */
+#define LMQ_BUS_OUT_DEAD 1
+#define LMQ_BUS_OUT_PENDING 2
+static int _lmq_bus_out_state(_lmq_bus_conn *conn) {
+  int state;
 
   pthread_mutex_lock(&conn->out_mutex);
-  pending = !conn->dead && conn->out_end > conn->out_start;
+  state = conn->dead                          ? LMQ_BUS_OUT_DEAD
+          : conn->out_end > conn->out_start ? LMQ_BUS_OUT_PENDING
+                                              : 0;
   pthread_mutex_unlock(&conn->out_mutex);
-  return pending;
+  return state;
+}
+
+static int _lmq_bus_out_pending(_lmq_bus_conn *conn) {
+  return _lmq_bus_out_state(conn) == LMQ_BUS_OUT_PENDING;
 }
 
 /* Takes the connections that wait on the listening socket. */
@@ -1753,16 +1807,37 @@ static void _lmq_bus_watch_nolock(lmq_bus *bus, _lmq_bus_conn *conn, int watch,
  * that); the data go to the leader. */
 #define LMQ_BUS_LED_EVENTS ((uint32_t)EPOLLET)
 
+/* The bus thread has a parked connection back: the next leader must
+ * take it from the bus thread again. in_mutex held. */
+static void _lmq_bus_unpark_nolock(_lmq_bus_conn *conn) {
+  if (!__atomic_load_n(&conn->parked, __ATOMIC_RELAXED)) return;
+  __atomic_store_n(&conn->parked, 0, __ATOMIC_SEQ_CST);
+  __atomic_store_n(&conn->yield, 0, __ATOMIC_SEQ_CST);
+}
+
+/* A parked connection stays so while its parking time runs, unless a
+ * send asked for it (yield) or the bus thread must write or read it.
+ * in_mutex held. */
+static int _lmq_bus_stays_parked(_lmq_bus_conn *conn, int park_over, uint32_t events) {
+  return __atomic_load_n(&conn->parked, __ATOMIC_RELAXED) && !park_over &&
+         !__atomic_load_n(&conn->yield, __ATOMIC_SEQ_CST) && !conn->stalled &&
+         !(events & (uint32_t)EPOLLOUT);
+}
+
 /* What the bus thread watches of a connection: nothing once the end of a
  * stalled one was seen (until its frame goes or it is dropped); else its
  * input unless stalled, and room for its output while some waits. A led
- * connection keeps what its leader set. */
-static void _lmq_bus_watch(lmq_bus *bus, _lmq_bus_conn *conn) {
+ * connection keeps what its leader set; a parked one is taken back once
+ * its parking time is over (park_over) or something needs it. */
+static void _lmq_bus_watch(lmq_bus *bus, _lmq_bus_conn *conn, int park_over) {
   uint32_t events = (conn->stalled ? 0u : (uint32_t)EPOLLIN) |
                     (_lmq_bus_out_pending(conn) ? (uint32_t)EPOLLOUT : 0u);
 
   pthread_mutex_lock(&conn->in_mutex);
-  if (!conn->led) _lmq_bus_watch_nolock(bus, conn, !(conn->stalled && conn->hung_up), events);
+  if (!conn->led && !_lmq_bus_stays_parked(conn, park_over, events)) {
+    _lmq_bus_unpark_nolock(conn);
+    _lmq_bus_watch_nolock(bus, conn, !(conn->stalled && conn->hung_up), events);
+  }
   pthread_mutex_unlock(&conn->in_mutex);
 }
 
@@ -1775,10 +1850,12 @@ static void _lmq_bus_uncork(lmq_bus *bus) {
   for (i = 0; i < bus->conn_count; i++) _lmq_bus_uncork_one(bus->conns[i]);
 }
 
-/* The bus thread reads a connection, unless a thread leads it. */
+/* The bus thread reads a connection, unless a thread leads it (a parked
+ * one, whose end it saw, is its own again). */
 static void _lmq_bus_read(lmq_bus *bus, _lmq_bus_conn *conn, int do_read) {
   pthread_mutex_lock(&conn->in_mutex);
   if (!conn->led) {
+    _lmq_bus_unpark_nolock(conn);
     conn->offer = &bus->offer;
     t_lmq_bus_reading = 1;
     t_lmq_bus_cork = bus;
@@ -1802,7 +1879,9 @@ static void *_lmq_bus_main(void *arg) {
   lmq_bus *bus = (lmq_bus *)arg;
   struct epoll_event events[LMQ_BUS_EVENTS];
   int waiting = 0;
+  int park_over = 0;
 
+  t_lmq_bus_self = bus;
   while (!__atomic_load_n(&bus->stop, __ATOMIC_ACQUIRE)) {
     int accept_ready = 0;
     int n;
@@ -1810,7 +1889,8 @@ static void *_lmq_bus_main(void *arg) {
     uint32_t c;
     char drain[64];
 
-    for (c = 0; c < bus->conn_count; c++) _lmq_bus_watch(bus, bus->conns[c]);
+    for (c = 0; c < bus->conn_count; c++) _lmq_bus_watch(bus, bus->conns[c], park_over);
+    park_over = 0;
     n = epoll_wait(bus->epoll_fd, events, LMQ_BUS_EVENTS, waiting ? LMQ_BUS_STALL_POLL_MS : -1);
     if (n < 0) {
       if (errno != EINTR) {
@@ -1826,6 +1906,13 @@ static void *_lmq_bus_main(void *arg) {
         }
       } else if (events[i].data.u64 == LMQ_BUS_TAG_LISTEN) {
         accept_ready = 1;
+      } else if (events[i].data.u64 == LMQ_BUS_TAG_PARK) {
+        /* Parking ends: the watch pass above takes the connection back. */
+        uint64_t expirations;
+        while (read(bus->park_fd, &expirations, sizeof(expirations)) > 0) {
+        }
+        __atomic_store_n(&bus->park_armed, 0, __ATOMIC_SEQ_CST);
+        park_over = 1;
       } else {
         _lmq_bus_conn_event((_lmq_bus_conn *)events[i].data.ptr, events[i].events, bus);
       }
@@ -1855,6 +1942,7 @@ static void _lmq_bus_free(lmq_bus *bus) {
   if (bus->wake_rd >= 0) close(bus->wake_rd);
   if (bus->wake_wr >= 0) close(bus->wake_wr);
   if (bus->epoll_fd >= 0) close(bus->epoll_fd);
+  if (bus->park_fd >= 0) close(bus->park_fd);
   pthread_cond_destroy(&bus->state_cond);
   pthread_mutex_destroy(&bus->state_mutex);
   free(bus);
@@ -1873,6 +1961,7 @@ static int _lmq_bus_new(lmq_server *server, uint32_t role, lmq_bus **out) {
   bus->wake_rd = -1;
   bus->wake_wr = -1;
   bus->epoll_fd = -1;
+  bus->park_fd = -1;
   rc = pthread_mutex_init(&bus->state_mutex, NULL);
   if (rc != 0) {
     free(bus);
@@ -1902,6 +1991,14 @@ static int _lmq_bus_new(lmq_server *server, uint32_t role, lmq_bus **out) {
     _lmq_bus_free(bus);
     return rc;
   }
+  /* Only leaders of a peer park; without the timer they do not. */
+  if (role == LMQ_BUS_PEER) {
+    bus->park_fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (bus->park_fd < 0) {
+      LMQ_LOG(LMQ_LVL_FAIL, "%s(): no parking timer (code %d), leaders give the connection back\n",
+              __func__, -errno);
+    }
+  }
   *out = bus;
   return 0;
 }
@@ -1924,6 +2021,7 @@ static int _lmq_bus_start(lmq_bus *bus) {
   if (rc == 0 && bus->listen_fd >= 0) {
     rc = _lmq_bus_watch_own(bus, bus->listen_fd, LMQ_BUS_TAG_LISTEN);
   }
+  if (rc == 0 && bus->park_fd >= 0) rc = _lmq_bus_watch_own(bus, bus->park_fd, LMQ_BUS_TAG_PARK);
   if (rc < 0) return rc;
   rc = _cspOsalPOSIX_pthread_attr_init(&attr);
   if (rc < 0) return rc;
@@ -2323,20 +2421,27 @@ int lmqServerBusClose(lmq_server *server) {
 /* --- Leading ---------------------------------------------------------------- */
 
 /* Takes a peer's hub connection from the bus thread, which stops watching
- * its input. Refused while another thread leads (-16), for a dead
+ * its input (a parked connection is the leader's at once). Refused while
+ * another thread leads (-16: that one does not park it then), for a dead
  * connection (-107), and for one that cannot be handed over now (-11):
  * not watched yet, or with output waiting (only the bus thread writes
  * that out). */
 static int _lmq_bus_lead_take(lmq_bus *bus, _lmq_bus_conn *conn) {
   int rc = 0;
+  int out;
 
   pthread_mutex_lock(&conn->in_mutex);
+  out = conn->led ? 0 : _lmq_bus_out_state(conn);
   if (conn->led) {
+    __atomic_store_n(&conn->yield, 1, __ATOMIC_SEQ_CST);
     rc = -EBUSY;
-  } else if (_lmq_bus_conn_is_dead(conn, NULL)) {
+  } else if (out == LMQ_BUS_OUT_DEAD) {
     rc = -ENOTCONN;
-  } else if (!conn->watched || _lmq_bus_out_pending(conn)) {
+  } else if (!conn->watched || out == LMQ_BUS_OUT_PENDING) {
     rc = -EAGAIN;
+  } else if (__atomic_load_n(&conn->parked, __ATOMIC_RELAXED)) {
+    __atomic_store_n(&conn->parked, 0, __ATOMIC_SEQ_CST);
+    conn->led = 1;
   } else {
     _lmq_bus_watch_nolock(bus, conn, 1, LMQ_BUS_LED_EVENTS);
     conn->led = conn->events == LMQ_BUS_LED_EVENTS;
@@ -2346,14 +2451,48 @@ static int _lmq_bus_lead_take(lmq_bus *bus, _lmq_bus_conn *conn) {
   return rc;
 }
 
+/* Makes sure the bus thread goes round its loop, and so takes a parked
+ * connection back, within us microseconds. Returns 0 when it cannot. */
+static int _lmq_bus_park_timer(lmq_bus *bus, uint32_t us) {
+  struct itimerspec spec;
+
+  if (__atomic_exchange_n(&bus->park_armed, 1, __ATOMIC_SEQ_CST)) return 1;
+  memset(&spec, 0, sizeof(spec));
+  spec.it_value.tv_sec = (time_t)(us / 1000000u);
+  spec.it_value.tv_nsec = (long)(us % 1000000u) * 1000L;
+  if (timerfd_settime(bus->park_fd, 0, &spec, NULL) == 0) return 1;
+  __atomic_store_n(&bus->park_armed, 0, __ATOMIC_SEQ_CST);
+  return 0;
+}
+
+/* Leaves the led connection, input unwatched, to the next leader (see the
+ * top of the file). Not when a send asked for the connection to be given
+ * back. in_mutex held, the connection alive with no output waiting (which
+ * the bus thread must write out); returns 0 when it must be given back. */
+static int _lmq_bus_lead_park(lmq_bus *bus, _lmq_bus_conn *conn) {
+  uint32_t us = __atomic_load_n(&bus->server->park_us, __ATOMIC_RELAXED);
+
+  if (us == 0 || bus->park_fd < 0 || __atomic_load_n(&bus->stop, __ATOMIC_ACQUIRE)) return 0;
+  /* Paired with _lmq_bus_sent_unled. */
+  __atomic_store_n(&conn->parked, 1, __ATOMIC_SEQ_CST);
+  if (!__atomic_load_n(&conn->yield, __ATOMIC_SEQ_CST) && _lmq_bus_park_timer(bus, us)) return 1;
+  __atomic_store_n(&conn->parked, 0, __ATOMIC_SEQ_CST);
+  return 0;
+}
+
 /* Gives the connection back: the bus thread watches it again at once, so
- * whatever arrived meanwhile wakes it. */
-static void _lmq_bus_lead_give(lmq_bus *bus, _lmq_bus_conn *conn) {
-  uint32_t events = (uint32_t)EPOLLIN | (_lmq_bus_out_pending(conn) ? (uint32_t)EPOLLOUT : 0u);
+ * whatever arrived meanwhile wakes it. A leader whose answer came parks
+ * it instead when it can. */
+static void _lmq_bus_lead_give(lmq_bus *bus, _lmq_bus_conn *conn, int answered) {
+  int out = _lmq_bus_out_state(conn);
+  uint32_t events = (uint32_t)EPOLLIN | (out == LMQ_BUS_OUT_PENDING ? (uint32_t)EPOLLOUT : 0u);
 
   pthread_mutex_lock(&conn->in_mutex);
   conn->led = 0;
-  _lmq_bus_watch_nolock(bus, conn, 1, events);
+  if (!answered || out != 0 || !_lmq_bus_lead_park(bus, conn)) {
+    __atomic_store_n(&conn->yield, 0, __ATOMIC_SEQ_CST);
+    _lmq_bus_watch_nolock(bus, conn, 1, events);
+  }
   pthread_mutex_unlock(&conn->in_mutex);
 }
 
@@ -2464,10 +2603,20 @@ int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
   rc = _lmq_bus_lead_take(bus, conn);
   if (rc == 0) {
     rc = _lmq_bus_lead_loop(bus, conn, rec, timeout_ms, done, context);
-    _lmq_bus_lead_give(bus, conn);
+    _lmq_bus_lead_give(bus, conn, rc == 0);
   }
   _lmq_bus_leader_leave(bus);
   return rc;
+}
+
+int lmqServerBusSetParking(lmq_server *server, uint32_t max_us) {
+  if (!_lmq_bus_server_valid(server) || max_us > LMQ_BUS_PARK_US_MAX) return -EINVAL;
+  __atomic_store_n(&server->park_us, max_us, __ATOMIC_RELAXED);
+  return 0;
+}
+
+void lmq_bus_lead_next(int will_lead) {
+  t_lmq_bus_lead_next = will_lead != 0;
 }
 
 int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status) {
@@ -2482,7 +2631,10 @@ int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status) {
   if (bus != NULL) {
     status->role = bus->role;
     status->hub_node = bus->role == LMQ_BUS_HUB ? server->node : bus->hub_node;
-    for (i = 0; i < bus->conn_count; i++) status->peers += bus->conns[i]->active ? 1u : 0u;
+    for (i = 0; i < bus->conn_count; i++) {
+      status->peers += bus->conns[i]->active ? 1u : 0u;
+      status->parked += (uint32_t)__atomic_load_n(&bus->conns[i]->parked, __ATOMIC_SEQ_CST);
+    }
   }
   pthread_mutex_unlock(&server->mutex);
   return 0;

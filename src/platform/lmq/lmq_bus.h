@@ -70,6 +70,9 @@ int lmq_bus_register(lmq_server *server, const char *name, size_t len, int16_t *
 int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
                  lmq_lead_done_fn done, void *context);
 
+/* lmqClientLeadNext for the calling thread. */
+void lmq_bus_lead_next(int will_lead);
+
 /* Closes the bus side of a server, if any: ends the bus thread, drops what
  * is known of other nodes and closes the sockets. Called with the bus
  * mutex held and the server mutex free. Returns 0 or -107 (no bus). */

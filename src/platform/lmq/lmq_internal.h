@@ -105,6 +105,7 @@ struct lmq_server {
   uint32_t last_client;   /* last client number given */
   int16_t last_service;   /* last service id given */
   uint32_t service_count;
+  uint32_t park_us;       /* atomic: lmqServerBusSetParking */
   _lmq_client_rec *clients[LMQ_BUCKETS];
   _lmq_service *services[LMQ_BUCKETS];
 };
