@@ -2431,7 +2431,7 @@ static int _lmq_bus_lead_take(lmq_bus *bus, _lmq_bus_conn *conn) {
   int out;
 
   pthread_mutex_lock(&conn->in_mutex);
-  out = conn->led ? 0 : _lmq_bus_out_state(conn);
+  out = _lmq_bus_out_state(conn);
   if (conn->led) {
     __atomic_store_n(&conn->yield, 1, __ATOMIC_SEQ_CST);
     rc = -EBUSY;
