@@ -2454,13 +2454,13 @@ static int _lmq_bus_lead_take(lmq_bus *bus, _lmq_bus_conn *conn) {
 /* Makes sure the bus thread goes round its loop, and so takes a parked
  * connection back, within us microseconds. Returns 0 when it cannot. */
 static int _lmq_bus_park_timer(lmq_bus *bus, uint32_t us) {
-  struct itimerspec spec;
+  struct itimerspec expiry;
 
   if (__atomic_exchange_n(&bus->park_armed, 1, __ATOMIC_SEQ_CST)) return 1;
-  memset(&spec, 0, sizeof(spec));
-  spec.it_value.tv_sec = (time_t)(us / 1000000u);
-  spec.it_value.tv_nsec = (long)(us % 1000000u) * 1000L;
-  if (timerfd_settime(bus->park_fd, 0, &spec, NULL) == 0) return 1;
+  memset(&expiry, 0, sizeof(expiry));
+  expiry.it_value.tv_sec = (time_t)(us / 1000000u);
+  expiry.it_value.tv_nsec = (long)(us % 1000000u) * 1000L;
+  if (timerfd_settime(bus->park_fd, 0, &expiry, NULL) == 0) return 1;
   __atomic_store_n(&bus->park_armed, 0, __ATOMIC_SEQ_CST);
   return 0;
 }
