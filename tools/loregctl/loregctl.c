@@ -135,6 +135,7 @@ typedef struct ctl_printer {
   FILE *out;
   uint32_t only_reason; /* 0: every reason */
   unsigned long printed;
+  int roots_up; /* atomic: "server available" printed less "server gone" */
 } ctl_printer;
 
 static int _ctl_get(ctl *c, const ctl_args *a, int32_t tid);
@@ -590,6 +591,8 @@ static void _ctl_print_note(lorc_client *client, uint32_t reason, const lorc_key
   fflush(p->out);
   funlockfile(p->out);
   p->printed++;
+  if (reason == LOREG_REASON_SERVER_AVAILABLE) __atomic_add_fetch(&p->roots_up, 1, __ATOMIC_RELEASE);
+  if (reason == LOREG_REASON_SERVER_GONE) __atomic_sub_fetch(&p->roots_up, 1, __ATOMIC_RELEASE);
 }
 
 /* --- Commands -------------------------------------------------------- */
@@ -727,9 +730,23 @@ static int _ctl_ls(ctl *c, const ctl_args *a, int32_t tid) {
   return rc;
 }
 
+/* After the hub went away: the client's thread tells the watch that each
+ * server it announced is gone; waits for that, a little while at most, so
+ * that the watch does not end before its last lines. */
+#define CTL_GONE_WAIT_MS 2000
+static void _ctl_wait_roots_gone(const ctl_printer *printer) {
+  int waited;
+
+  for (waited = 0; waited < CTL_GONE_WAIT_MS; waited += 10) {
+    struct timespec step = {0, 10 * 1000 * 1000};
+    if (__atomic_load_n(&printer->roots_up, __ATOMIC_ACQUIRE) <= 0) return;
+    nanosleep(&step, NULL);
+  }
+}
+
 /* Waits for SIGINT or SIGTERM, which main blocked for this. Gives up when
- * the bus's hub goes away. */
-static int _ctl_wait_interrupt(ctl *c) {
+ * the bus's hub goes away, once the servers' departure was printed. */
+static int _ctl_wait_interrupt(ctl *c, const ctl_printer *printer) {
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
@@ -739,6 +756,7 @@ static int _ctl_wait_interrupt(ctl *c) {
     lmq_bus_status status;
     if (sigtimedwait(&stop_signals, NULL, &period) > 0) return CTL_EXIT_OK;
     if (lmqServerBusStatus(c->bus, &status) == 0 && status.hub_node == 0) {
+      _ctl_wait_roots_gone(printer);
       fprintf(stderr, "loregctl: watch: the bus at %s went away\n", c->socket_path);
       return CTL_EXIT_NO_SERVER;
     }
@@ -747,14 +765,14 @@ static int _ctl_wait_interrupt(ctl *c) {
 
 static int _ctl_watch(ctl *c, const ctl_args *a, int32_t tid) {
   const char *path = a->npos > 0 ? a->pos[0] : "/";
-  ctl_printer printer = {stdout, 0, 0};
+  ctl_printer printer = {stdout, 0, 0, 0};
   int status;
   int rc;
 
   (void)tid;
   rc = lorc_notification_register(c->client, _ctl_print_note, path, &printer);
   if (rc != 0) return _ctl_fail("watch", path, rc);
-  status = _ctl_wait_interrupt(c);
+  status = _ctl_wait_interrupt(c, &printer);
   rc = lorc_notification_unregister(c->client, _ctl_print_note, path, &printer);
   if (rc != 0 && status == CTL_EXIT_OK) status = _ctl_fail("watch", path, rc);
   return status;
@@ -768,7 +786,7 @@ static int _ctl_watch(ctl *c, const ctl_args *a, int32_t tid) {
  */
 static int _ctl_dump(ctl *c, const ctl_args *a, int32_t tid) {
   const char *path = a->pos[0];
-  ctl_printer printer = {stdout, LOREG_REASON_KEY_UPDATE, 0};
+  ctl_printer printer = {stdout, LOREG_REASON_KEY_UPDATE, 0, 0};
   uint32_t flags = 0;
   int status = CTL_EXIT_OK;
   int rc;
