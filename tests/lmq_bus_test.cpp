@@ -45,6 +45,7 @@ using testsupport::BusServer;
 using testsupport::is_sysmsg;
 
 constexpr uint32_t kHostRole = 0;
+constexpr uint32_t kSubscriberRole = 1;
 
 uint32_t file_mode(const std::string &path) {
   struct stat st {};
@@ -597,6 +598,54 @@ TEST(LmqBusPresenceTest, EveryPairOnceWhateverTheNodes) {
                 r.data == testsupport::bus_sysmsg_bytes(LMQ_SYSMSG_SUBSCRIBER_PRESENT, id));
   }
   EXPECT_TRUE(sorted(got) == sorted({ah, hh, as, bs}));
+}
+
+// A node hears of a new host (MEMBER_ADD) before any of its subscribers
+// hears of it (SYSMSG): a subscriber that answers the presence message at
+// once with a command to the service finds the host to send it to.
+TEST(LmqBusPresenceTest, NodeKnowsTheNewHostBeforeItsSubscriberHearsOfIt) {
+  constexpr uint8_t kMemberAdd = 14;
+  constexpr uint8_t kSysmsg = 16;
+  Bus bus;
+  BusServer &a = bus.add_peer();
+  int16_t id = bus.hub().register_id("EARLY");
+  ASSERT_EQ(a.register_id("EARLY"), id);
+
+  // A raw node with one subscriber of the service.
+  const uint32_t node = 0x7FFFFB01;
+  BusPeer raw(bus.path());
+  ASSERT_TRUE(raw.join_bus(node));
+  ASSERT_TRUE(raw.write_bytes(testsupport::client_add_frame(node, 1)));
+  ASSERT_TRUE(raw.write_bytes(testsupport::register_frame(3, "EARLY")));
+  ASSERT_TRUE(raw.write_bytes(testsupport::join_frame(id, kSubscriberRole, 1)));
+  ASSERT_TRUE(raw.sync(1));
+
+  // Reads up to the presence message about host_node/host_client and
+  // tells whether the member frame for that host came before it.
+  auto member_before_presence = [&](uint32_t host_node, uint32_t host_client) {
+    bool member_seen = false;
+    std::vector<uint8_t> frame;
+    while (raw.read_frame(&frame)) {
+      if (frame[0] == kMemberAdd && frame[3] == kHostRole &&
+          testsupport::frame_get32(frame, 4) == host_node &&
+          testsupport::frame_get32(frame, 8) == host_client) {
+        member_seen = true;
+      }
+      if (frame[0] == kSysmsg && testsupport::frame_get32(frame, 3) == LMQ_SYSMSG_HOST_PRESENT &&
+          testsupport::frame_get32(frame, 11) == host_node &&
+          testsupport::frame_get32(frame, 15) == host_client) {
+        return ::testing::AssertionResult(member_seen) << "member frame after the presence";
+      }
+    }
+    return ::testing::AssertionFailure() << "no presence message";
+  };
+
+  // A host on the hub's own node, then one on another peer.
+  BusClient hub_host(bus.hub().get()), a_host(a.get());
+  ASSERT_EQ(lmqHostService(hub_host.get(), id, 0), 0);
+  EXPECT_TRUE(member_before_presence(bus.hub().node(), hub_host.number()));
+  ASSERT_EQ(lmqHostService(a_host.get(), id, 0), 0);
+  EXPECT_TRUE(member_before_presence(a.node(), a_host.number()));
 }
 
 // --- Peers going away --------------------------------------------------------------------

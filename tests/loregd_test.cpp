@@ -569,16 +569,21 @@ TEST(LoregdProcess, TwoDaemonsServeOneBus) {
   ASSERT_TRUE(a.start_hub(sock, "/com/norvi/a", slow)) << a.err();
   ASSERT_TRUE(b.start_peer(sock, "/com/norvi/b/", slow)) << b.err();
 
-  EXPECT_EQ(ctl(dir, sock, {"set", "/com/norvi/a/x", "on a"}).exit_status, kOk);
-  EXPECT_EQ(ctl(dir, sock, {"set", "/com/norvi/b/y", "on b"}).exit_status, kOk);
-  EXPECT_EQ(ctl(dir, sock, {"get", "/com/norvi/a/x"}).out, "on a\n");
-  EXPECT_EQ(ctl(dir, sock, {"get", "/com/norvi/b/y"}).out, "on b\n");
-  EXPECT_EQ(ctl(dir, sock, {"get", "/com/norvi/a/y"}).exit_status, kNotFound);
+  ProcessResult r = ctl(dir, sock, {"set", "/com/norvi/a/x", "on a"});
+  EXPECT_EQ(r.exit_status, kOk) << r.err;
+  r = ctl(dir, sock, {"set", "/com/norvi/b/y", "on b"});
+  EXPECT_EQ(r.exit_status, kOk) << r.err;
+  r = ctl(dir, sock, {"get", "/com/norvi/a/x"});
+  EXPECT_EQ(r.out, "on a\n") << r.err;
+  r = ctl(dir, sock, {"get", "/com/norvi/b/y"});
+  EXPECT_EQ(r.out, "on b\n") << r.err;
+  r = ctl(dir, sock, {"get", "/com/norvi/a/y"});
+  EXPECT_EQ(r.exit_status, kNotFound) << r.err;
   // Each server knows its own subtree only.
   EXPECT_EQ(a.err().find("path='/y'"), std::string::npos);
   EXPECT_NE(b.err().find("path='/y'"), std::string::npos) << b.err();
 
-  ProcessResult r = ctl(dir, sock, {"roots"});
+  r = ctl(dir, sock, {"roots"});
   EXPECT_EQ(r.exit_status, kOk);
   std::vector<std::string> roots = lines_of(r.out);
   std::sort(roots.begin(), roots.end());

@@ -467,14 +467,15 @@ static void _ctl_sleep_ms(int ms) {
  * messages of the bus. Once the bus is in step (lmqServerBusSync), all of
  * them are in the client's queue, and every root announcement comes in
  * behind them: so when the first root is known, so is the number of
- * servers.
+ * servers. The roots are counted first for that reason: hosts counted
+ * before them might miss a host message handled in between.
  */
 static void _ctl_wait_roots(ctl *c) {
   int64_t start = _ctl_now_ms();
   int64_t deadline = start + (int64_t)c->timeout * 1000;
   for (;;) {
-    int hosts = __atomic_load_n(&c->hosts, __ATOMIC_ACQUIRE);
     int roots = _ctl_root_count(c);
+    int hosts = __atomic_load_n(&c->hosts, __ATOMIC_ACQUIRE);
     int64_t now = _ctl_now_ms();
     if (roots >= 1 && roots >= hosts) {
       c->all_roots_known = 1;

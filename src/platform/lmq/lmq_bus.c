@@ -1047,9 +1047,11 @@ void lmq_bus_joined_nolock(lmq_server *server, _lmq_service *service, _lmq_clien
     _lmq_bus_tell_hub_nolock(bus, LMQ_FRAME_JOIN, service, rec->number, as_host);
     return;
   }
-  _lmq_bus_pair_nolock(bus, service, server->node, rec->number, as_host, caller);
+  /* Every node knows the new member before any of its clients hears of
+   * it: a client that answers the presence message at once finds it. */
   _lmq_bus_announce_member_nolock(bus, service, LMQ_FRAME_MEMBER_ADD, as_host, server->node,
                                   rec->number);
+  _lmq_bus_pair_nolock(bus, service, server->node, rec->number, as_host, caller);
 }
 
 void lmq_bus_left_nolock(lmq_server *server, _lmq_service *service, uint32_t number,
@@ -1241,9 +1243,10 @@ static int _lmq_bus_hub_membership_nolock(lmq_bus *bus, _lmq_bus_conn *conn,
   if (frame->type == LMQ_FRAME_JOIN) {
     int rc = _lmq_bus_members_add(members, conn->node, frame->client);
     if (rc <= 0) return rc;
-    _lmq_bus_pair_nolock(bus, service, conn->node, frame->client, as_host, __func__);
+    /* Member first, presence second, as for a member of this node. */
     _lmq_bus_announce_member_nolock(bus, service, LMQ_FRAME_MEMBER_ADD, as_host, conn->node,
                                     frame->client);
+    _lmq_bus_pair_nolock(bus, service, conn->node, frame->client, as_host, __func__);
   } else if (_lmq_bus_members_drop(members, conn->node, frame->client) > 0) {
     _lmq_bus_announce_member_nolock(bus, service, LMQ_FRAME_MEMBER_DEL, as_host, conn->node,
                                     frame->client);
