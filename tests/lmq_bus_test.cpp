@@ -615,9 +615,7 @@ TEST(LmqBusPresenceTest, NodeKnowsTheNewHostBeforeItsSubscriberHearsOfIt) {
   const uint32_t node = 0x7FFFFB01;
   BusPeer raw(bus.path());
   ASSERT_TRUE(raw.join_bus(node));
-  ASSERT_TRUE(raw.write_bytes(testsupport::client_add_frame(node, 1)));
-  ASSERT_TRUE(raw.write_bytes(testsupport::register_frame(3, "EARLY")));
-  ASSERT_TRUE(raw.write_bytes(testsupport::join_frame(id, kSubscriberRole, 1)));
+  ASSERT_TRUE(raw.join_service(node, 3, "EARLY", id, kSubscriberRole));
   ASSERT_TRUE(raw.sync(1));
 
   // Reads up to the presence message about host_node/host_client and
@@ -948,9 +946,7 @@ TEST(LmqBusFrameTest, RelayWaitsForASlowNodeAndDropsItWhenItStalls) {
   const uint32_t node = 0x7FFFFC01;
   BusPeer raw(bus.path());
   ASSERT_TRUE(raw.join_bus(node));
-  ASSERT_TRUE(raw.write_bytes(testsupport::client_add_frame(node, 1)));
-  ASSERT_TRUE(raw.write_bytes(testsupport::register_frame(5, "SLOW2")));
-  ASSERT_TRUE(raw.write_bytes(testsupport::join_frame(slow, kHostRole, 1)));
+  ASSERT_TRUE(raw.join_service(node, 5, "SLOW2", slow, kHostRole));
   ASSERT_TRUE(raw.sync(2));
   ASSERT_EQ(a.sync(), 0);  // the raw peer answers no pings: no bus.settle()
 

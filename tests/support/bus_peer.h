@@ -188,6 +188,15 @@ class BusPeer {
     return write_bytes(hello_frame(node)) && read_until(busframe::kWelcome, &frame);
   }
 
+  // As a node already on the bus: adds client 1, registers name (which
+  // must have the id given) and makes the client a member of the service
+  // in role (0 host, 1 subscriber). false if a write fails.
+  bool join_service(uint32_t node, uint32_t token, const std::string &name, int16_t id,
+                    uint8_t role) {
+    return write_bytes(client_add_frame(node, 1)) && write_bytes(register_frame(token, name)) &&
+           write_bytes(join_frame(id, role, 1));
+  }
+
   // Pings with token and reads up to the matching pong: the hub has then
   // handled everything written before.
   bool sync(uint32_t token) {
