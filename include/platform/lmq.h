@@ -25,7 +25,9 @@
  *   - each subscriber concerned receives LMQ_SYSMSG_HOST_PRESENT (a host is
  *     there), once per new host.
  * The order of hosting and subscribing does not matter. A client is never
- * paired with itself. A system message is LMQ_SYSMSG_SIZE bytes: the
+ * paired with itself. A subscriber may answer LMQ_SYSMSG_HOST_PRESENT at
+ * once with a command to the service: the new host is reachable by then,
+ * on whichever node of a bus it is. A system message is LMQ_SYSMSG_SIZE bytes: the
  * 28-byte header in protocol order (protocol byte 0x82, 7 words, type,
  * subtype, size) followed by the service id (16 bits, big-endian). Its
  * reply address carries the service concerned and names the other client
