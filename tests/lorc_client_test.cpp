@@ -75,7 +75,8 @@ lorc_client *dead_client() {
 // A raw client that hosts "LOREG" and answers nothing by itself.
 class Swallower {
  public:
-  explicit Swallower(lmq_server *lmq) : m_wire(lmq, false) {
+  explicit Swallower(lmq_server *lmq, uint32_t queue_bytes = 64 * 1024)
+      : m_wire(lmq, false, queue_bytes) {
     EXPECT_EQ(lmqHostService(m_wire.client(), m_wire.service_id(), 0), 0);
   }
   ~Swallower() { lmqUnHostService(m_wire.client(), m_wire.service_id()); }
@@ -542,6 +543,69 @@ TEST(LorcClientDispatch, HostPresenceIsAnsweredWithARootKeyQuery) {
   auto events = hooks.all();
   EXPECT_NE(std::find(events.begin(), events.end(), "sysmsg 0x185627f3/2 other"), events.end());
   EXPECT_NE(std::find(events.begin(), events.end(), "sysmsg 0x185627f4/1 other"), events.end());
+}
+
+// A root query that finds the bus full is not lost: it goes again on the
+// client's timer, after 100 ms, then after twice as long for each further
+// failure, and the retries end with the first query that goes out.
+TEST(LorcClientDispatch, RootQueryThatFindsTheBusFullIsSentAgainLater) {
+  ClientFixture f;
+  ClientSetup setup;
+  setup.external = true;
+  ASSERT_EQ(f.add_client(setup), 0);
+  Swallower host(f.lmq(), 4096);
+  auto fill_host = [&] {
+    int rc = 0;
+    for (int i = 0; i < 1000 && rc == 0; i++) {
+      rc = f.wire().send(LOREG_MSG_VALUE_QUERY, 1, 0, 0, 0, "/com/norvi/filler", "");
+    }
+    return rc;
+  };
+  auto queries = [&] {
+    host.wire().poll();
+    return host.commands(LOREG_MSG_ROOT_KEY_QUERY).size();
+  };
+
+  ASSERT_EQ(fill_host(), -105);
+  LogCapture log;
+  f.pump_client(0);  // the host's presence: the query finds no room
+  EXPECT_TRUE(log.has_line("lorc_root_query_send(): root query not sent (code -105), again in " +
+                           S(LORC_ROOT_QUERY_RETRY_MS) + " ms\n"))
+      << log.dump();
+  EXPECT_EQ(queries(), 0u);
+  f.advance_uptime(LORC_ROOT_QUERY_RETRY_MS - 1);
+  EXPECT_EQ(queries(), 0u);
+
+  // Still full at the retry: the next one waits twice as long.
+  ASSERT_EQ(fill_host(), -105);
+  f.advance_uptime(1);
+  EXPECT_TRUE(log.has_line("lorc_root_query_send(): root query not sent (code -105), again in " +
+                           S(2 * LORC_ROOT_QUERY_RETRY_MS) + " ms\n"))
+      << log.dump();
+  EXPECT_EQ(queries(), 0u);
+  f.advance_uptime(2 * LORC_ROOT_QUERY_RETRY_MS - 1);
+  EXPECT_EQ(queries(), 0u);
+  f.advance_uptime(1);
+  EXPECT_EQ(queries(), 1u);
+
+  // Sent: no more retries.
+  f.advance_uptime(2 * LORC_ROOT_QUERY_RETRY_MAX_MS);
+  EXPECT_EQ(queries(), 1u);
+
+  // A failure after a success starts again at the shortest wait, and a
+  // query that goes out meanwhile (another host's presence) ends the
+  // pending retry.
+  lorc_client *c = f.client();
+  ASSERT_EQ(fill_host(), -105);
+  lorc_dispatch_sysmsg(c, LMQ_SYSMSG_HOST_PRESENT, LMQ_SYSMSG_SUBTYPE_PRESENT);
+  EXPECT_EQ(log.count("lorc_root_query_send(): root query not sent (code -105), again in " +
+                      S(LORC_ROOT_QUERY_RETRY_MS) + " ms\n"),
+            2u);
+  EXPECT_EQ(queries(), 1u);
+  lorc_dispatch_sysmsg(c, LMQ_SYSMSG_HOST_PRESENT, LMQ_SYSMSG_SUBTYPE_PRESENT);
+  EXPECT_EQ(queries(), 2u);
+  f.advance_uptime(LORC_ROOT_QUERY_RETRY_MAX_MS);
+  EXPECT_EQ(queries(), 2u);
 }
 
 TEST(LorcClientDispatch, NeitherTypeBitGives201AndStillServesTimers) {

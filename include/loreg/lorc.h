@@ -63,6 +63,11 @@ typedef struct lorc_client lorc_client;
 
 /* A root is valid this long after its last announcement. */
 #define LORC_ROOT_VALID_SEC 127
+/* A root query that cannot be sent (bus busy, no memory) goes again after
+ * this many milliseconds, twice as long after each further failure, at
+ * most LORC_ROOT_QUERY_RETRY_MAX_MS. */
+#define LORC_ROOT_QUERY_RETRY_MS 100u
+#define LORC_ROOT_QUERY_RETRY_MAX_MS 6400u
 /* Bit set by lorc_root_query in the flags of a stale root. */
 #define LORC_ROOT_STALE 0x80u
 

@@ -91,6 +91,10 @@ struct lorc_client {
   tmrq_inst *timers;
   loreg_lmq_ctx lmq;
   int32_t idleTimerId;
+  /* The retry of a root query that could not be sent; touched by the
+   * thread that runs the client's loop only. */
+  int32_t rootQueryTimerId;   /* 0 until the first retry */
+  uint32_t rootQueryDelayMs;  /* 0 when no retry is pending */
   /* Shutdown support, under the mutex. */
   uint32_t users;                /* public calls admitted and not yet left */
   struct lorc_wait_list waits;   /* calls blocked waiting for a job */
@@ -286,6 +290,7 @@ LOREG_EXPORT int lorc_root_is_valid(const _cspOsalTime_struct *updated,
                                     const _cspOsalTime_struct *now);
 LOREG_EXPORT int lorc_root_count_valid(lorc_client *client, const _cspOsalTime_struct *now);
 LOREG_EXPORT void lorc_root_reset_nolock(lorc_client *client);
+LOREG_EXPORT void lorc_root_query_send(lorc_client *client);
 
 #ifdef __cplusplus
 }

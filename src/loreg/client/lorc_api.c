@@ -613,6 +613,10 @@ int lorc_timer_callback(tmrq_inst *queue, const tmrq_info *info, const _cspOsalT
     }
     return 0;
   }
+  if (info->id == client->rootQueryTimerId) {
+    lorc_root_query_send(client);
+    return 0;
+  }
   /* A timer job's start holds the client mutex from the timer's creation
    * to its pairing with the job, so under the mutex the pairing is
    * complete. */

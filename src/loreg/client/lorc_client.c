@@ -645,12 +645,8 @@ void lorc_task_dispatch_sysmsg(void *user, uint32_t type, uint32_t subType,
   LORC_TASK_LOG(LOREG_LVL_DETAIL, "%s(type=0x%x, subType=0x%x)\n", __func__, (unsigned)type,
                 (unsigned)subType);
   if (type == LMQ_SYSMSG_HOST_PRESENT && subType == LMQ_SYSMSG_SUBTYPE_PRESENT) {
-    /* A server was there before us: ask it for its root, which it sends
-     * back as a key update to this client alone. */
-    loreg_msg query;
-    memset(&query, 0, sizeof(query));
-    query.header.msgtype = LOREG_MSG_ROOT_KEY_QUERY;
-    (void)loreg_send_command(client->lmq.client, client->lmq.service_id, &query);
+    /* A server was there before us: ask it for its root. */
+    lorc_root_query_send(client);
   }
   if (client->hooks != NULL && client->hooks->onSysMsg != NULL) {
     client->hooks->onSysMsg(client, type, subType, client->hooks->cookie);

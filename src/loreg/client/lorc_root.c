@@ -218,3 +218,66 @@ void lorc_root_reset_nolock(lorc_client *client) {
     loreg_free(client->allocator, node);
   }
 }
+
+/* --- Asking the servers for their roots --------------------------------- */
+
+/* Arms the retry timer delayMs from now, or parks it for 0. A timer that
+ * becomes the first wakes the loop unless this is the loop. */
+static void _lorc_root_query_timer_set(lorc_client *client, uint32_t delayMs) {
+  _cspOsalTime_struct delay = {(int64_t)(delayMs / 1000u), (int32_t)((delayMs % 1000u) * 1000u)};
+  _cspOsalTime_struct now;
+  tmrq_info info;
+  int rc;
+
+  if (client->rootQueryTimerId == 0) {
+    if (delayMs == 0) return;
+    rc = lorc_timer_create(client, &delay, NULL); /* the new timer's id */
+    if (rc > 0) client->rootQueryTimerId = rc;
+  } else {
+    rc = tmrq_TimerGet(client->timers, client->rootQueryTimerId, &info);
+    if (rc >= 0) rc = cspOsalGetUptime(&now);
+    if (rc >= 0) {
+      cspOsalAddTime(&info.timeout, &now, &delay);
+      info.inactive = delayMs == 0;
+      rc = tmrq_TimerUpdate(client->timers, &info); /* its place in the queue */
+      if (rc == 0 && delayMs != 0 && !lorc_is_client_thread(client)) {
+        (void)lorc_client_send_idle(client);
+      }
+    }
+  }
+  if (rc < 0 && delayMs != 0) {
+    LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK,
+              "%s(): no timer for the root query's retry (code %d)\n", __func__, rc);
+  }
+}
+
+/*
+ * Asks every host of the service for its root, which each sends back as a
+ * key update to this client alone. A query lost to a busy bus would leave
+ * a server unknown until its next announcement, so one that cannot go is
+ * sent again on the client's timer, LORC_ROOT_QUERY_RETRY_MS later and
+ * twice as long after each further failure. With no host at all (-113)
+ * there is nobody to ask: a host that comes brings its own presence
+ * message, and with it a new query.
+ */
+void lorc_root_query_send(lorc_client *client) {
+  loreg_msg query;
+  uint32_t delay;
+  int rc;
+
+  memset(&query, 0, sizeof(query));
+  query.header.msgtype = LOREG_MSG_ROOT_KEY_QUERY;
+  rc = loreg_send_command(client->lmq.client, client->lmq.service_id, &query);
+  if (rc == 0 || rc == -EHOSTUNREACH) {
+    if (client->rootQueryDelayMs != 0) _lorc_root_query_timer_set(client, 0);
+    client->rootQueryDelayMs = 0;
+    return;
+  }
+  delay = client->rootQueryDelayMs == 0 ? LORC_ROOT_QUERY_RETRY_MS : client->rootQueryDelayMs * 2u;
+  if (delay > LORC_ROOT_QUERY_RETRY_MAX_MS) delay = LORC_ROOT_QUERY_RETRY_MAX_MS;
+  client->rootQueryDelayMs = delay;
+  LOREG_LOG(LOREG_LVL_FAIL, LOREG_MOD_CLIENT_TASK,
+            "%s(): root query not sent (code %d), again in %u ms\n", __func__, rc,
+            (unsigned)delay);
+  _lorc_root_query_timer_set(client, delay);
+}
