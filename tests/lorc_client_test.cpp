@@ -547,12 +547,15 @@ TEST(LorcClientDispatch, HostPresenceIsAnsweredWithARootKeyQuery) {
 
 // A root query that finds the bus full is not lost: it goes again on the
 // client's timer, after 100 ms, then after twice as long for each further
-// failure, and the retries end with the first query that goes out.
+// failure, and the retries end with the first query that goes out. The
+// uptime clock also moves with real time, so the waits are read off the
+// retry timer's due time rather than guessed from a clock step.
 TEST(LorcClientDispatch, RootQueryThatFindsTheBusFullIsSentAgainLater) {
   ClientFixture f;
   ClientSetup setup;
   setup.external = true;
   ASSERT_EQ(f.add_client(setup), 0);
+  lorc_client *c = f.client();
   Swallower host(f.lmq(), 4096);
   auto fill_host = [&] {
     int rc = 0;
@@ -565,45 +568,65 @@ TEST(LorcClientDispatch, RootQueryThatFindsTheBusFullIsSentAgainLater) {
     host.wire().poll();
     return host.commands(LOREG_MSG_ROOT_KEY_QUERY).size();
   };
+  auto uptime_us = [] {
+    _cspOsalTime_struct t{};
+    EXPECT_EQ(cspOsalGetUptime(&t), 0);
+    return t.sec * 1000000 + t.usec;
+  };
+  // When the pending retry falls due (uptime, microseconds); -1 for none.
+  auto retry_due_us = [&]() -> int64_t {
+    tmrq_info info{};
+    if (c->rootQueryTimerId == 0 || tmrq_TimerGet(c->timers, c->rootQueryTimerId, &info) < 0 ||
+        info.inactive) {
+      return -1;
+    }
+    return info.timeout.sec * 1000000 + info.timeout.usec;
+  };
+  // The retry was armed for delay_ms at some moment between before and
+  // after.
+  auto expect_retry_in = [&](int64_t before, int64_t after, int64_t delay_ms) {
+    int64_t due = retry_due_us();
+    EXPECT_GE(due, before + delay_ms * 1000);
+    EXPECT_LE(due, after + delay_ms * 1000);
+  };
+  const std::string not_sent = "lorc_root_query_send(): root query not sent (code -105), again in ";
 
   ASSERT_EQ(fill_host(), -105);
   LogCapture log;
+  int64_t before = uptime_us();
   f.pump_client(0);  // the host's presence: the query finds no room
-  EXPECT_TRUE(log.has_line("lorc_root_query_send(): root query not sent (code -105), again in " +
-                           S(LORC_ROOT_QUERY_RETRY_MS) + " ms\n"))
-      << log.dump();
-  EXPECT_EQ(queries(), 0u);
-  f.advance_uptime(LORC_ROOT_QUERY_RETRY_MS - 1);
+  expect_retry_in(before, uptime_us(), LORC_ROOT_QUERY_RETRY_MS);
+  EXPECT_TRUE(log.has_line(not_sent + S(LORC_ROOT_QUERY_RETRY_MS) + " ms\n")) << log.dump();
   EXPECT_EQ(queries(), 0u);
 
   // Still full at the retry: the next one waits twice as long.
   ASSERT_EQ(fill_host(), -105);
-  f.advance_uptime(1);
-  EXPECT_TRUE(log.has_line("lorc_root_query_send(): root query not sent (code -105), again in " +
-                           S(2 * LORC_ROOT_QUERY_RETRY_MS) + " ms\n"))
-      << log.dump();
+  before = uptime_us();
+  f.advance_uptime(LORC_ROOT_QUERY_RETRY_MS);
+  expect_retry_in(before + LORC_ROOT_QUERY_RETRY_MS * 1000, uptime_us(),
+                  2 * LORC_ROOT_QUERY_RETRY_MS);
+  EXPECT_TRUE(log.has_line(not_sent + S(2 * LORC_ROOT_QUERY_RETRY_MS) + " ms\n")) << log.dump();
   EXPECT_EQ(queries(), 0u);
-  f.advance_uptime(2 * LORC_ROOT_QUERY_RETRY_MS - 1);
-  EXPECT_EQ(queries(), 0u);
-  f.advance_uptime(1);
-  EXPECT_EQ(queries(), 1u);
 
-  // Sent: no more retries.
+  // Room again: the retry goes out at its time, and no other follows.
+  f.advance_uptime(2 * LORC_ROOT_QUERY_RETRY_MS);
+  EXPECT_EQ(queries(), 1u);
+  EXPECT_EQ(retry_due_us(), -1);
   f.advance_uptime(2 * LORC_ROOT_QUERY_RETRY_MAX_MS);
   EXPECT_EQ(queries(), 1u);
 
   // A failure after a success starts again at the shortest wait, and a
   // query that goes out meanwhile (another host's presence) ends the
   // pending retry.
-  lorc_client *c = f.client();
   ASSERT_EQ(fill_host(), -105);
+  before = uptime_us();
   lorc_dispatch_sysmsg(c, LMQ_SYSMSG_HOST_PRESENT, LMQ_SYSMSG_SUBTYPE_PRESENT);
-  EXPECT_EQ(log.count("lorc_root_query_send(): root query not sent (code -105), again in " +
-                      S(LORC_ROOT_QUERY_RETRY_MS) + " ms\n"),
-            2u);
+  expect_retry_in(before, uptime_us(), LORC_ROOT_QUERY_RETRY_MS);
+  EXPECT_EQ(log.count(not_sent + S(LORC_ROOT_QUERY_RETRY_MS) + " ms\n"), 2u);
   EXPECT_EQ(queries(), 1u);
   lorc_dispatch_sysmsg(c, LMQ_SYSMSG_HOST_PRESENT, LMQ_SYSMSG_SUBTYPE_PRESENT);
   EXPECT_EQ(queries(), 2u);
+  EXPECT_EQ(retry_due_us(), -1);
   f.advance_uptime(LORC_ROOT_QUERY_RETRY_MAX_MS);
   EXPECT_EQ(queries(), 2u);
 }

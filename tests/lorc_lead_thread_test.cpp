@@ -41,6 +41,7 @@ using testsupport::LogLine;
 
 constexpr uint32_t kPlain = 0x30400;
 constexpr int kWaitMs = 5000;
+constexpr uint32_t kParkForTheTest = 30000000u;  // 30 s
 
 // The detail line the client logs for a key update.
 std::string update_line(const char *reason, uint32_t flags, const std::string &path) {
@@ -158,7 +159,17 @@ class LeadAcrossBus : public ::testing::Test {
  protected:
   enum class Mode { Threaded, Fed };
 
-  void SetUp() override { m_peer = &m_bus.add_peer(); }
+  // The caller's peer keeps its hub connection parked between calls for
+  // as long as a test runs: the parking timer's expiry hands it back to
+  // the bus thread, which then reads a reply first whenever the caller
+  // sleeps on its way to the lead (say, on a lock the bus thread holds),
+  // and the tests that expect the caller to read it would fail at random.
+  // Each test's own unannounced sends (bus syncs, registrations) still
+  // take it back.
+  void SetUp() override {
+    m_peer = &m_bus.add_peer();
+    ASSERT_EQ(lmqServerBusSetParking(m_peer->get(), kParkForTheTest), 0);
+  }
 
   void TearDown() override {
     if (m_client != nullptr) {
@@ -421,7 +432,12 @@ TEST_F(LeadAcrossBus, UnrelatedSubscriptionLeavesTheUpdateInline) {
 // 5. Unregistering while another thread keeps setting the watched key:
 // the unregister returns, no call comes after it, and the sets go on.
 // Afterwards nothing matches, and the update is taken inline again.
+//
+// It runs with the default parking time: with the long one of the other
+// tests, a set of the setter thread now and then got no reply within its
+// 5 s timeout under load. Why is not understood yet.
 TEST_F(LeadAcrossBus, UnregisterWhileUpdatesFlow) {
+  ASSERT_EQ(lmqServerBusSetParking(m_peer->get(), LMQ_BUS_PARK_US_DEFAULT), 0);
   start_both(Mode::Fed);
   const std::string path = "/com/norvi/flow";
   ASSERT_EQ(set_value(m_client, path, "start"), 0);
@@ -627,7 +643,6 @@ TEST_F(LeadAcrossBus, BulkJobWaitingForAnUpdateGetsIt) {
 // a parking time far beyond their timeouts.
 TEST_F(LeadAcrossBus, CallsThatDoNotLeadAreAnsweredWhileParked) {
   start_both();
-  ASSERT_EQ(lmqServerBusSetParking(m_peer->get(), 30000000u), 0);
   const std::string path = "/com/norvi/park";
   auto parked_after_sync_calls = [&] {
     // The first leader after a call that did not lead gives the connection
