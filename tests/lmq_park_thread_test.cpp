@@ -156,6 +156,30 @@ TEST_F(Park, AnUnannouncedSendGivesAParkedConnectionBack) {
   EXPECT_TRUE(parked_soon(0u));
 }
 
+// A thread that announced its lead may find that it cannot lead after
+// all: another thread of its client sent in between (here a notification
+// to itself, as the registry client wakes its own thread), so that the
+// client's last send is not the one waiting for its answer. The parked
+// connection then goes back to the bus thread at once, which reads the
+// answer, instead of keeping it until the parking time runs out.
+TEST_F(Park, AnAnnouncedSendThatCannotLeadGivesAParkedConnectionBack) {
+  Rounds rounds(caller());
+  Host answering(host(), [](int, const std::string &) { return true; });
+  park(rounds.state);
+
+  ASSERT_EQ(lmqClientLeadNext(caller(), 1), 0);
+  ASSERT_EQ(bus_command(caller(), m_id, "announced"), 0);
+  std::thread other([&] { EXPECT_EQ(notify_self(caller(), "local"), 0); });
+  other.join();
+  EXPECT_EQ(rounds.receiver.take(), "local");
+  // Offers off: the answer is taken by a plain receive below.
+  ASSERT_EQ(lmqClientSetIdleHandler(caller(), 0, Caller::handler, &rounds.state), 0);
+  EXPECT_EQ(rounds.state.lead(5000), -11);
+  BusReceived reply = bus_receive(caller(), 5000);
+  EXPECT_EQ(reply.data, "re:announced");
+  EXPECT_TRUE(parked_soon(0u));
+}
+
 // An unannounced send while a thread leads: that leader gives the
 // connection back instead of parking it, so the other answer is read.
 TEST_F(Park, ALeaderDoesNotParkAfterAnUnannouncedSend) {

@@ -324,7 +324,10 @@ CSP_EXPORT int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lea
  * for hosts of this process) waits until the next leader reads it, or
  * the bus thread takes the connection back after at most the server's
  * parking time (lmqServerBusSetParking). The announcement is used up by
- * that send or by lmqClientLeadBus. Returns 0 or -22.
+ * that send or by lmqClientLeadBus. A thread that announced and then
+ * cannot lead (lmqClientLeadBus gives -11 because another send of the
+ * client came in between) gives a parked connection back as well, so its
+ * answer is read at once. Returns 0 or -22.
  */
 CSP_EXPORT int lmqClientLeadNext(lmq_client *client, int will_lead);
 

@@ -1006,9 +1006,15 @@ int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lead_done_fn d
   lmq_bus_lead_next(0);
   server = _lmq_attached_server(rec);
   if (server == NULL) return -ENOENT;
-  /* 0: nothing sent yet (a send numbered 0, once in 2^32, does not lead). */
+  /* 0: nothing sent yet (a send numbered 0, once in 2^32, does not lead).
+   * A later local send (another thread's, say) means no lead either: the
+   * bus thread must then read the answer that this thread's announced
+   * send is waiting for. */
   remote = __atomic_load_n(&rec->remote_sequence, __ATOMIC_RELAXED);
-  if (remote == 0 || remote != __atomic_load_n(&rec->sequence, __ATOMIC_RELAXED)) return -EAGAIN;
+  if (remote == 0 || remote != __atomic_load_n(&rec->sequence, __ATOMIC_RELAXED)) {
+    lmq_bus_lead_declined(server);
+    return -EAGAIN;
+  }
   return lmq_bus_lead(server, rec, timeout_ms, done, context);
 }
 

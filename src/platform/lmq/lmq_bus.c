@@ -2612,6 +2612,22 @@ int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
   return rc;
 }
 
+void lmq_bus_lead_declined(lmq_server *server) {
+  lmq_bus *bus;
+  _lmq_bus_conn *conn;
+
+  pthread_mutex_lock(&server->mutex);
+  bus = server->bus;
+  conn = bus != NULL && bus->role == LMQ_BUS_PEER ? _lmq_bus_hub_conn_nolock(bus) : NULL;
+  if (conn != NULL) {
+    /* As _lmq_bus_sent_unled: either a leader sees yield, or this thread
+     * sees the connection parked. */
+    __atomic_store_n(&conn->yield, 1, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&conn->parked, __ATOMIC_SEQ_CST)) _lmq_bus_wake(bus);
+  }
+  pthread_mutex_unlock(&server->mutex);
+}
+
 int lmqServerBusSetParking(lmq_server *server, uint32_t max_us) {
   if (!_lmq_bus_server_valid(server) || max_us > LMQ_BUS_PARK_US_MAX) return -EINVAL;
   __atomic_store_n(&server->park_us, max_us, __ATOMIC_RELAXED);

@@ -65,6 +65,11 @@ int lmq_bus_asks_hub_nolock(const lmq_server *server);
  * is gone. */
 int lmq_bus_register(lmq_server *server, const char *name, size_t len, int16_t *id);
 
+/* A thread whose send announced its lead (lmqClientLeadNext) does not
+ * lead after all: as after an unannounced send, its answer must not wait
+ * in a parked hub connection, which goes back to the bus thread. */
+void lmq_bus_lead_declined(lmq_server *server);
+
 /* lmqClientLeadBus for a client of server whose last send went to other
  * nodes only. No lmq mutex held. */
 int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
