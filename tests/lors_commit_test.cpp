@@ -1,6 +1,8 @@
 // Dirty tracking, auto-commit and the timers of the repository server.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -213,9 +215,21 @@ TEST_F(CommitTest, SteadyChangesCommitOnlyByTheIntermediateTimer) {
   LogCapture log;
   int32_t final_id = 0;
   int32_t intermediate_id = 0;
+  // The uptime clock also moves with real time, so the commits due are
+  // read off the clock around each step rather than off the step count.
+  auto uptime_us = [] {
+    _cspOsalTime_struct t{};
+    EXPECT_EQ(cspOsalGetUptime(&t), 0);
+    return t.sec * 1000000 + t.usec;
+  };
+  int64_t first_lo = 0;
+  int64_t first_hi = 0;
   for (int k = 0; k < 200; k++) {
+    int64_t before = uptime_us();
     Set("/k", std::to_string(k));
     if (k == 0) {
+      first_lo = before;
+      first_hi = uptime_us();
       final_id = server()->commit_timer_final;
       intermediate_id = server()->commit_timer_intermediate;
       ASSERT_GT(final_id, 0);
@@ -223,9 +237,14 @@ TEST_F(CommitTest, SteadyChangesCommitOnlyByTheIntermediateTimer) {
       EXPECT_EQ(Timer(intermediate_id).period.sec, 5);
     }
     f->advance_ms(100);
-    // One commit every 5000 ms, counted from the first change of each dirty
-    // period, i.e. after the 50th, 100th, ... change.
-    ASSERT_EQ(server()->commit_count, static_cast<uint64_t>((k + 1) / 50)) << "k=" << k;
+    int64_t after = uptime_us();
+    // One commit every 5000 ms from the first change (the timer was armed
+    // between first_lo and first_hi), i.e. after the 50th, 100th, ...
+    // change; the step's timer pass ran between before + 100 ms and after.
+    int64_t lo = std::max<int64_t>(0, (before + 100000 - first_hi) / 5000000);
+    int64_t hi = (after - first_lo) / 5000000;
+    ASSERT_GE(static_cast<int64_t>(server()->commit_count), lo) << "k=" << k;
+    ASSERT_LE(static_cast<int64_t>(server()->commit_count), hi) << "k=" << k;
   }
   EXPECT_EQ(Writes(), 4u);
   EXPECT_EQ(Exact(log, kIntermediateCommit), 4u);
