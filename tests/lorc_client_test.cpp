@@ -72,6 +72,14 @@ lorc_client *dead_client() {
   return &dead;
 }
 
+// A client in the external mode, fed by the test thread.
+ClientSetup external_setup(const lorc_hooks *hooks = nullptr) {
+  ClientSetup setup;
+  setup.external = true;
+  setup.hooks = hooks;
+  return setup;
+}
+
 // A raw client that hosts "LOREG" and answers nothing by itself.
 class Swallower {
  public:
@@ -246,9 +254,7 @@ TEST(LorcClientShutdown, RefusesAClientWithoutMagic) {
 
 TEST(LorcClientShutdown, ExternalModeHasNoThreadToJoin) {
   ClientFixture f;
-  ClientSetup setup;
-  setup.external = true;
-  ASSERT_EQ(f.add_client(setup), 0);
+  ASSERT_EQ(f.add_client(external_setup()), 0);
   lorc_client *c = f.client();
   EXPECT_EQ(c->lmq.queue, nullptr);
   EXPECT_EQ(c->lmq.client, f.external_lmq_client(0));
@@ -481,10 +487,7 @@ TEST(LorcClientDispatch, ExternalModeIsFedByTheCallersThread) {
   lorc_hooks h = make_hooks(&hooks, 0);
   ClientFixture f;
   ASSERT_EQ(f.add_server(), 0);
-  ClientSetup setup;
-  setup.external = true;
-  setup.hooks = &h;
-  ASSERT_EQ(f.add_client(setup), 0);
+  ASSERT_EQ(f.add_client(external_setup(&h)), 0);
   lorc_client *c = f.client();
   EXPECT_EQ(c->thread, pthread_t{});
   // Nothing happens until the caller feeds the client: then the server's
@@ -515,10 +518,7 @@ TEST(LorcClientDispatch, HostPresenceIsAnsweredWithARootKeyQuery) {
   HookLog hooks;
   lorc_hooks h = make_hooks(&hooks, 0);
   ClientFixture f;
-  ClientSetup setup;
-  setup.external = true;
-  setup.hooks = &h;
-  ASSERT_EQ(f.add_client(setup), 0);
+  ASSERT_EQ(f.add_client(external_setup(&h)), 0);
   lorc_client *c = f.client();
   Swallower host(f.lmq());
   LogCapture log;
@@ -552,9 +552,7 @@ TEST(LorcClientDispatch, HostPresenceIsAnsweredWithARootKeyQuery) {
 // retry timer's due time rather than guessed from a clock step.
 TEST(LorcClientDispatch, RootQueryThatFindsTheBusFullIsSentAgainLater) {
   ClientFixture f;
-  ClientSetup setup;
-  setup.external = true;
-  ASSERT_EQ(f.add_client(setup), 0);
+  ASSERT_EQ(f.add_client(external_setup()), 0);
   lorc_client *c = f.client();
   Swallower host(f.lmq(), 4096);
   auto fill_host = [&] {
@@ -633,9 +631,7 @@ TEST(LorcClientDispatch, RootQueryThatFindsTheBusFullIsSentAgainLater) {
 
 TEST(LorcClientDispatch, NeitherTypeBitGives201AndStillServesTimers) {
   ClientFixture f;
-  ClientSetup setup;
-  setup.external = true;
-  ASSERT_EQ(f.add_client(setup), 0);
+  ASSERT_EQ(f.add_client(external_setup()), 0);
   lorc_client *c = f.client();
   int job = lorc_job_create_timer(c, 100, 77, 0);
   ASSERT_GT(job, 0);
@@ -655,9 +651,7 @@ TEST(LorcClientDispatch, NeitherTypeBitGives201AndStillServesTimers) {
 
 TEST(LorcClientDispatch, ReplyOfATimedOutJobIsDroppedAndTimersAreServed) {
   ClientFixture f;
-  ClientSetup setup;
-  setup.external = true;
-  ASSERT_EQ(f.add_client(setup), 0);
+  ASSERT_EQ(f.add_client(external_setup()), 0);
   lorc_client *c = f.client();
   Swallower host(f.lmq());
   LogCapture log;
