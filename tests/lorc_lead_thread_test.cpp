@@ -42,6 +42,10 @@ using testsupport::LogLine;
 constexpr uint32_t kPlain = 0x30400;
 constexpr int kWaitMs = 5000;
 constexpr uint32_t kParkForTheTest = 30000000u;  // 30 s
+// Where a leader sleeps: in its receive on the hub connection. A caller
+// asleep anywhere else (on a lock on its way to the lead) does not lead
+// yet, and a reply that came then would be the bus thread's.
+const std::string kLeaderWaitChannel = "unix_stream";
 
 // The detail line the client logs for a key update.
 std::string update_line(const char *reason, uint32_t flags, const std::string &path) {
@@ -209,7 +213,8 @@ class LeadAcrossBus : public ::testing::Test {
   }
 
   // The fed server's loop: what comes for it is dispatched at once, or,
-  // while a thread is named by m_gate, once that thread sleeps.
+  // while a thread is named by m_gate, once that thread sleeps in its
+  // receive on the bus.
   void feed() {
     std::vector<unsigned char> buffer(LORS_MSG_BUFFER_SIZE);
     while (!m_stop.load()) {
@@ -229,7 +234,8 @@ class LeadAcrossBus : public ::testing::Test {
         continue;
       }
       pid_t gate = m_gate.load();
-      if (gate != 0 && !testsupport::wait_until_sleeping(gate, std::chrono::seconds(2))) {
+      if (gate != 0 && !testsupport::wait_until_sleeping_in(gate, kLeaderWaitChannel,
+                                                            std::chrono::seconds(2))) {
         m_gate_missed++;
       }
       loreg_msg msg{};
@@ -241,7 +247,8 @@ class LeadAcrossBus : public ::testing::Test {
     }
   }
 
-  // Requests reach the fed server only while the calling thread sleeps.
+  // Requests reach the fed server only while the calling thread sleeps in
+  // its receive on the bus.
   void hold_requests_for_me() { m_gate = testsupport::current_tid(); }
   void release_requests() { m_gate = 0; }
 

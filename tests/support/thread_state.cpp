@@ -123,4 +123,23 @@ bool wait_until_sleeping(const std::string &name, std::chrono::milliseconds boun
       bound);
 }
 
+std::string thread_wait_channel(pid_t tid) {
+  std::ifstream wchan(task_path(tid) + "/wchan");
+  std::string name;
+  std::getline(wchan, name);
+  return name;
+}
+
+bool wait_until_sleeping_in(pid_t tid, const std::string &prefix,
+                            std::chrono::milliseconds bound) {
+  if (thread_wait_channel(current_tid()).empty()) return wait_until_sleeping(tid, bound);
+  return wait_sleeping(
+      [tid, &prefix] {
+        char state = thread_state(tid);
+        if (state != 'S') return state;
+        return thread_wait_channel(tid).compare(0, prefix.size(), prefix) == 0 ? 'S' : '\0';
+      },
+      bound);
+}
+
 }  // namespace testsupport
