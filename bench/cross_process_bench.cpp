@@ -26,6 +26,12 @@
 // With repetitions, each of these also reports its fastest repetition
 // ("_min"): on a shared machine the noise only ever adds time.
 //
+// BM_RawSocketPingPongEpoll/<request>/<reply>: the same, but the echoing
+// child waits for its socket in epoll_wait before it reads, as a server of
+// many connections does (the daemon's bus thread): one system call more
+// per round trip on that side. Not a target, a yardstick: it shows what
+// the wait of such a server costs on the machine of the run.
+//
 // BM_RawSocketPingPongHops/92/62/<caller hops>/<echo hops>: the same bytes,
 // with the message handed on through more threads by a condition variable
 // on either side. 1/1: a receiver thread on each side (four wake-ups).
@@ -38,15 +44,18 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -200,18 +209,50 @@ class Handoff {
   bool m_closed = false;
 };
 
+// How the echoing child waits and answers: in its read (direct), in
+// epoll_wait before its read (epoll), or by a reader thread that hands
+// each request to a worker thread, which answers (hops).
+enum class Echo { kDirect, kEpoll, kHops };
+const char *const kEchoNames[] = {"direct", "epoll", "hops"};
+
+// Waits in epoll_wait until the one socket of the set has input.
+bool echo_epoll_wait(int epoll_fd) {
+  struct epoll_event event;
+  int n;
+  do {
+    n = epoll_wait(epoll_fd, &event, 1, -1);
+  } while (n < 0 && errno == EINTR);
+  return n == 1;
+}
+
+int echo_epoll(int fd, std::vector<char> *request, const std::vector<char> &reply) {
+  int epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+  struct epoll_event event{};
+  event.events = EPOLLIN;
+  if (epoll_fd < 0) return 1;
+  if (epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+    close(epoll_fd);
+    return 1;
+  }
+  while (echo_epoll_wait(epoll_fd) && read_all(fd, request->data(), request->size()) &&
+         write_all(fd, reply.data(), reply.size())) {
+  }
+  close(epoll_fd);
+  return 0;
+}
+
 // The echoing child, a fresh process image (this program, started with
 // kEchoArg) so that it begins with one thread: reads requests of
 // request_size bytes on its standard input, a socket, and answers
-// reply_size bytes, until the socket closes. With hops, a reader thread
-// hands each request to a worker thread, which answers.
+// reply_size bytes, until the socket closes.
 constexpr char kEchoArg[] = "--loreg-echo-child";
 
-int echo_child(size_t request_size, size_t reply_size, bool hops) {
+int echo_child(size_t request_size, size_t reply_size, Echo mode) {
   const int fd = STDIN_FILENO;
   std::vector<char> request(request_size);
   std::vector<char> reply(reply_size, 'r');
-  if (!hops) {
+  if (mode == Echo::kEpoll) return echo_epoll(fd, &request, reply);
+  if (mode == Echo::kDirect) {
     while (read_all(fd, request.data(), request.size()) &&
            write_all(fd, reply.data(), reply.size())) {
     }
@@ -231,10 +272,10 @@ int echo_child(size_t request_size, size_t reply_size, bool hops) {
 
 // Starts the echoing child on one end of a socket pair; returns its pid,
 // or -1.
-pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, bool hops) {
+pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, Echo echo) {
   std::string request = std::to_string(request_size);
   std::string reply = std::to_string(reply_size);
-  std::string mode = hops ? "hops" : "direct";
+  std::string mode = kEchoNames[static_cast<int>(echo)];
   char *argv[] = {const_cast<char *>("cross_process_bench"), const_cast<char *>(kEchoArg),
                   request.data(), reply.data(), mode.data(), nullptr};
   pid_t pid = fork();
@@ -247,8 +288,8 @@ pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, bo
 }
 
 // One round trip after another; caller_hops threads (0, 1 or 2) stand
-// between the socket and the caller, echo_hops (0 or 1) in the child.
-void raw_ping_pong(benchmark::State &state, int caller_hops, bool echo_hops) {
+// between the socket and the caller.
+void raw_ping_pong(benchmark::State &state, int caller_hops, Echo echo) {
   size_t request_size = static_cast<size_t>(state.range(0));
   size_t reply_size = static_cast<size_t>(state.range(1));
   int fds[2];
@@ -256,7 +297,7 @@ void raw_ping_pong(benchmark::State &state, int caller_hops, bool echo_hops) {
     state.SkipWithError("socketpair failed");
     return;
   }
-  pid_t pid = start_echo_child(fds[1], request_size, reply_size, echo_hops);
+  pid_t pid = start_echo_child(fds[1], request_size, reply_size, echo);
   close(fds[1]);
   if (pid < 0) {
     close(fds[0]);
@@ -307,15 +348,23 @@ void raw_ping_pong(benchmark::State &state, int caller_hops, bool echo_hops) {
   waitpid(pid, nullptr, 0);
 }
 
-void BM_RawSocketPingPong(benchmark::State &state) { raw_ping_pong(state, 0, false); }
+void BM_RawSocketPingPong(benchmark::State &state) { raw_ping_pong(state, 0, Echo::kDirect); }
 BENCHMARK(BM_RawSocketPingPong)
     ->Args({92, 62})
     ->Args({82, 72})
     ->UseRealTime()
     ->ComputeStatistics("min", fastest);
 
+void BM_RawSocketPingPongEpoll(benchmark::State &state) { raw_ping_pong(state, 0, Echo::kEpoll); }
+BENCHMARK(BM_RawSocketPingPongEpoll)
+    ->Args({92, 62})
+    ->Args({82, 72})
+    ->UseRealTime()
+    ->ComputeStatistics("min", fastest);
+
 void BM_RawSocketPingPongHops(benchmark::State &state) {
-  raw_ping_pong(state, static_cast<int>(state.range(2)), state.range(3) != 0);
+  raw_ping_pong(state, static_cast<int>(state.range(2)),
+                state.range(3) != 0 ? Echo::kHops : Echo::kDirect);
 }
 BENCHMARK(BM_RawSocketPingPongHops)
     ->Args({82, 72, 1, 0})
@@ -327,8 +376,11 @@ BENCHMARK(BM_RawSocketPingPongHops)
 
 int main(int argc, char **argv) {
   if (argc == 5 && std::strcmp(argv[1], kEchoArg) == 0) {
-    return echo_child(std::strtoul(argv[2], nullptr, 10), std::strtoul(argv[3], nullptr, 10),
-                      std::strcmp(argv[4], "hops") == 0);
+    Echo mode = Echo::kDirect;
+    for (size_t i = 0; i < std::size(kEchoNames); i++) {
+      if (std::strcmp(argv[4], kEchoNames[i]) == 0) mode = static_cast<Echo>(i);
+    }
+    return echo_child(std::strtoul(argv[2], nullptr, 10), std::strtoul(argv[3], nullptr, 10), mode);
   }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
