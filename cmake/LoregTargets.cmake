@@ -12,15 +12,20 @@ endfunction()
 
 # Instruments a target for the sanitizer chosen by LOREG_SANITIZE.
 function(loreg_target_sanitize target)
-  if(LOREG_SANITIZE STREQUAL "address")
-    target_compile_options(${target} PRIVATE -fsanitize=address,undefined
+  if(LOREG_SANITIZE STREQUAL "address" OR LOREG_SANITIZE STREQUAL "fuzz")
+    # A fuzz build adds libFuzzer's coverage; only fuzz/ links the fuzzer.
+    set(coverage "")
+    if(LOREG_SANITIZE STREQUAL "fuzz")
+      set(coverage "fuzzer-no-link,")
+    endif()
+    target_compile_options(${target} PRIVATE -fsanitize=${coverage}address,undefined
       -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
   elseif(LOREG_SANITIZE STREQUAL "thread")
     target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=thread)
   elseif(NOT LOREG_SANITIZE STREQUAL "")
-    message(FATAL_ERROR "LOREG_SANITIZE must be '', 'address' or 'thread'")
+    message(FATAL_ERROR "LOREG_SANITIZE must be '', 'address', 'thread' or 'fuzz'")
   endif()
 endfunction()
 
