@@ -93,6 +93,33 @@ TEST(LorcShutdownThread, CallsWaitingForTheirJobsWakeAndLeaveFirst) {
   EXPECT_EQ(alloc.live_blocks(), 0u);
 }
 
+// Shutdown may destroy a job before the thread that waits for it has got
+// into the wait. That wait ends as one the destruction woke (0, -103),
+// whichever came first; only a job that is gone before anybody waited on
+// it reads as unknown.
+TEST(LorcShutdownThread, AWaitOvertakenByShutdownEndsAsIfWoken) {
+  ClientFixture f;
+  ASSERT_EQ(f.add_client(ClientSetup()), 0);
+  lorc_client *c = f.client();
+  int timer = lorc_job_create_timer(c, 600000, 1, 0);
+  ASSERT_GT(timer, 0);
+
+  // The state shutdown leaves once it has woken the waits: every wait
+  // from then on ends at once.
+  pthread_mutex_lock(&c->mutex);
+  c->draining = 1;
+  pthread_mutex_unlock(&c->mutex);
+  int32_t result = 0;
+  EXPECT_EQ(lorc_client_wait(c, timer, &result, 30), 0);
+  EXPECT_EQ(result, -103);
+  result = 0;
+  EXPECT_EQ(lorc_client_wait(c, timer, &result, 30), -2);
+  EXPECT_EQ(result, -14);
+  pthread_mutex_lock(&c->mutex);
+  c->draining = 0;
+  pthread_mutex_unlock(&c->mutex);
+}
+
 // An allocator that holds the thread of one allocation of a given size
 // until it is let go.
 struct HoldingAllocator {

@@ -161,6 +161,7 @@ struct lorc_waitupd_node {
 struct lorc_wait_node {
   LIST_ENTRY(lorc_wait_node) link;
   int32_t jobId;
+  int32_t aborted; /* shutdown destroyed the job (client mutex) */
 };
 
 /* --- Core (client task) ---------------------------------------------- */
@@ -184,8 +185,9 @@ LOREG_EXPORT int lorc_client_enter(lorc_client *client);
 LOREG_EXPORT void lorc_client_leave(lorc_client *client);
 /* apij_JobResultGet for an admitted call. A wait of 1 second or more is
  * recorded, so that lorc_shutdown can end it: the job is then destroyed
- * unless it is done, and the waiter wakes with -103. Once shutdown has
- * done so, a new wait finds its job treated in the same way at once. */
+ * unless it is done, and the waiter wakes with -103, also when shutdown
+ * came before the thread got into its wait. Once shutdown has done so, a
+ * new wait finds its job treated in the same way at once. */
 LOREG_EXPORT int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result,
                                   int32_t timeOut);
 /* Called by a synchronous call right after it sent the request of a simple

@@ -76,27 +76,30 @@ void lorc_client_leave(lorc_client *client) {
 /* Ends a wait that shutdown does not let run: the job is destroyed unless
  * it is done, which wakes its waiters with -103. Jobs are completed only on
  * the client thread, or for it while it waits for messages; it has ended
- * by then, so "done" cannot change. */
-static void _lorc_wait_abort_nolock(lorc_client *client, int32_t jobId) {
+ * by then, so "done" cannot change. Returns 1 when it destroyed the job. */
+static int _lorc_wait_abort_nolock(lorc_client *client, int32_t jobId) {
   apij_job_ref ref;
   int done;
 
-  if (apij_JobRefGet(client->jobs, jobId, &ref) <= 0) return;
+  if (apij_JobRefGet(client->jobs, jobId, &ref) <= 0) return 0;
   done = ref.done;
   apij_JobRefRelease(client->jobs, &ref);
-  if (!done) apij_JobDestroy(client->jobs, jobId);
+  if (done) return 0;
+  return apij_JobDestroy(client->jobs, jobId) == 0;
 }
 
 int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result, int32_t timeOut) {
   lorc_wait_node node;
   int recorded = 0;
+  int aborted = 0;
   int rc;
 
   if (timeOut >= 1 && pthread_mutex_lock(&client->mutex) == 0) {
     if (client->draining) {
-      _lorc_wait_abort_nolock(client, jobId);
+      aborted = _lorc_wait_abort_nolock(client, jobId);
     } else {
       node.jobId = jobId;
+      node.aborted = 0;
       LIST_INSERT_HEAD(&client->waits, &node, link);
       recorded = 1;
     }
@@ -105,7 +108,14 @@ int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *result, int32_
   rc = apij_JobResultGet(client->jobs, jobId, result, timeOut);
   if (recorded && pthread_mutex_lock(&client->mutex) == 0) {
     LIST_REMOVE(&node, link);
+    aborted = node.aborted;
     pthread_mutex_unlock(&client->mutex);
+  }
+  /* Shutdown may destroy the job before this thread waits on it: the wait
+   * then ends as if the destruction had woken it. */
+  if (aborted && rc == -ENOENT) {
+    if (result != NULL) *result = -ECONNABORTED;
+    rc = 0;
   }
   return rc;
 }
@@ -337,13 +347,27 @@ int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
   return 0;
 }
 
+/* Whether a wait on the job was aborted already (several threads may wait
+ * on one job). */
+static int _lorc_wait_job_aborted_nolock(const lorc_client *client, int32_t jobId) {
+  const lorc_wait_node *node;
+
+  LIST_FOREACH(node, &client->waits, link) {
+    if (node->jobId == jobId && node->aborted) return 1;
+  }
+  return 0;
+}
+
 /* Wakes every call blocked in lorc_client_wait. From now on a new wait
  * ends at once in the same way. */
 static void _lorc_wake_waits_nolock(lorc_client *client) {
   lorc_wait_node *node;
 
   client->draining = 1;
-  LIST_FOREACH(node, &client->waits, link) _lorc_wait_abort_nolock(client, node->jobId);
+  LIST_FOREACH(node, &client->waits, link) {
+    node->aborted = _lorc_wait_abort_nolock(client, node->jobId) ||
+                    _lorc_wait_job_aborted_nolock(client, node->jobId);
+  }
 }
 
 int lorc_shutdown(lorc_client *client) {
