@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "lmq/lmq_bytes.h"
 #include "lmq/lmq_frame.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -26,7 +27,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   length = (uint32_t)(size - 1);
   if (lmq_frame_decode(&frame, data + 1, length, direction, why, sizeof(why)) != 0) return 0;
   head_len = lmq_frame_encode(head, &frame, frame.tail_len);
-  if (head_len < LMQ_FRAME_LENGTH_SIZE || lmq_frame_get32(head) != length ||
+  if (head_len < LMQ_FRAME_LENGTH_SIZE || lmq_get_be32(head) != length ||
       head_len - LMQ_FRAME_LENGTH_SIZE + frame.tail_len != length ||
       memcmp(head + LMQ_FRAME_LENGTH_SIZE, data + 1, head_len - LMQ_FRAME_LENGTH_SIZE) != 0 ||
       (frame.tail_len > 0 && memcmp(frame.tail, data + 1 + head_len - LMQ_FRAME_LENGTH_SIZE,

@@ -57,6 +57,7 @@
 #include <unistd.h>
 
 #include "lmq/lmq_bus.h"
+#include "lmq/lmq_bytes.h"
 #include "lmq/lmq_debug.h"
 #include "lmq/lmq_internal.h"
 #include "lmq/lmq_queue.h"
@@ -99,26 +100,6 @@ _Static_assert(LMQ_QUEUE_RECORD_SIZE == LMQ_QUEUE_ENTRY_OVERHEAD, "queue entry r
 static uint32_t g_lmq_last_node;
 
 /* --- Small helpers --------------------------------------------------- */
-
-static void _lmq_put16(unsigned char *p, uint16_t v) {
-  p[0] = (unsigned char)(v >> 8);
-  p[1] = (unsigned char)v;
-}
-
-static void _lmq_put32(unsigned char *p, uint32_t v) {
-  p[0] = (unsigned char)(v >> 24);
-  p[1] = (unsigned char)(v >> 16);
-  p[2] = (unsigned char)(v >> 8);
-  p[3] = (unsigned char)v;
-}
-
-static uint16_t _lmq_get16(const unsigned char *p) {
-  return (uint16_t)((p[0] << 8) | p[1]);
-}
-
-static uint32_t _lmq_get32(const unsigned char *p) {
-  return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
-}
 
 static _lmq_client_rec *_lmq_rec(const lmq_client *client) {
   _lmq_client_rec *rec;
@@ -451,7 +432,7 @@ void lmq_send_sysmsg_nolock(_lmq_client_rec *target, uint32_t peer_node, uint32_
   header.size = LMQ_SYSMSG_SIZE;
   header.size2 = LMQ_SYSMSG_SIZE;
   (void)lmqMessageHeaderToProtocol(bytes, &header);
-  _lmq_put16(bytes + LMQ_HEADER_SIZE, (uint16_t)service_id);
+  lmq_put_be16(bytes + LMQ_HEADER_SIZE, (uint16_t)service_id);
 
   _lmq_make_address(&reply, peer_node, peer_client, service_id, LMQ_KIND_SYSTEM, 0);
   entry.base = bytes;
@@ -1156,7 +1137,7 @@ int lmqCXHandleSystemMessage(lmq_server *server, lmq_client *client, const lmq_s
   if (have < LMQ_SYSMSG_SIZE) return -EINVAL;
 
   (void)lmqMessageHeaderToHost(&header, bytes);
-  service_id = (int16_t)_lmq_get16(bytes + LMQ_HEADER_SIZE);
+  service_id = (int16_t)lmq_get_be16(bytes + LMQ_HEADER_SIZE);
   if (header.protocol != LMQ_SYSMSG_PROTOCOL || header.words != LMQ_HEADER_WORDS ||
       header.size != LMQ_SYSMSG_SIZE || header.size2 != LMQ_SYSMSG_SIZE ||
       service_id != info->reply.service_id) {
@@ -1176,13 +1157,13 @@ int lmqMessageHeaderToProtocol(void *destination, const lmq_msg_header *source) 
   host = *source; /* destination may be source */
   out[0] = host.protocol;
   out[1] = host.words;
-  _lmq_put16(out + 2, host.reserved0);
-  _lmq_put32(out + 4, host.type);
-  _lmq_put32(out + 8, host.subtype);
-  _lmq_put32(out + 12, host.size);
-  _lmq_put32(out + 16, host.size2);
-  _lmq_put32(out + 20, host.reserved1[0]);
-  _lmq_put32(out + 24, host.reserved1[1]);
+  lmq_put_be16(out + 2, host.reserved0);
+  lmq_put_be32(out + 4, host.type);
+  lmq_put_be32(out + 8, host.subtype);
+  lmq_put_be32(out + 12, host.size);
+  lmq_put_be32(out + 16, host.size2);
+  lmq_put_be32(out + 20, host.reserved1[0]);
+  lmq_put_be32(out + 24, host.reserved1[1]);
   return 0;
 }
 
@@ -1193,13 +1174,13 @@ int lmqMessageHeaderToHost(lmq_msg_header *destination, const void *source) {
   memcpy(in, source, sizeof(in)); /* destination may be source */
   destination->protocol = in[0];
   destination->words = in[1];
-  destination->reserved0 = _lmq_get16(in + 2);
-  destination->type = _lmq_get32(in + 4);
-  destination->subtype = _lmq_get32(in + 8);
-  destination->size = _lmq_get32(in + 12);
-  destination->size2 = _lmq_get32(in + 16);
-  destination->reserved1[0] = _lmq_get32(in + 20);
-  destination->reserved1[1] = _lmq_get32(in + 24);
+  destination->reserved0 = lmq_get_be16(in + 2);
+  destination->type = lmq_get_be32(in + 4);
+  destination->subtype = lmq_get_be32(in + 8);
+  destination->size = lmq_get_be32(in + 12);
+  destination->size2 = lmq_get_be32(in + 16);
+  destination->reserved1[0] = lmq_get_be32(in + 20);
+  destination->reserved1[1] = lmq_get_be32(in + 24);
   return 0;
 }
 
@@ -1212,7 +1193,7 @@ int lmqMessageHeaderValidate(void **payload, const lmq_rx_info *info, const void
   size = info->size;
   if (size < LMQ_HEADER_SIZE || size > buffer_size) return -EBADMSG;
   if (bytes[1] != LMQ_HEADER_WORDS) return -EBADMSG;
-  if (_lmq_get32(bytes + 12) != size || _lmq_get32(bytes + 16) != size) return -EBADMSG;
+  if (lmq_get_be32(bytes + 12) != size || lmq_get_be32(bytes + 16) != size) return -EBADMSG;
   *payload = (void *)(bytes + LMQ_HEADER_SIZE);
   return 0;
 }

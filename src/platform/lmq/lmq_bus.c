@@ -143,6 +143,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "lmq/lmq_bytes.h"
 #include "lmq/lmq_debug.h"
 #include "lmq/lmq_frame.h"
 #include "platform/csp_thread.h"
@@ -1579,7 +1580,7 @@ static void _lmq_bus_receive(lmq_bus *bus, _lmq_bus_conn *conn, int did_read, ss
   if (conn->stalled) conn->stalled = 0;
 
   while (conn->in_len - pos >= LMQ_FRAME_LENGTH_SIZE) {
-    uint32_t length = lmq_frame_get32(conn->in + pos);
+    uint32_t length = lmq_get_be32(conn->in + pos);
     lmq_frame frame;
 
     if (!lmq_frame_length_ok(length)) {

@@ -1,92 +1,103 @@
 /*
  * Frames of the lmq bus; the format is described in lmq_frame.h.
  *
- * One table gives each type its fixed fields, its tail and the directions
- * it may travel in; encoding and decoding both walk it, so that the two
- * can never disagree.
+ * One table gives each type its fixed fields (where each lies in lmq_frame
+ * and its size on the wire), its tail and the directions it may travel in;
+ * encoding and decoding both walk it, so that the two can never disagree.
  */
 #include "lmq/lmq_frame.h"
 
 #include <assert.h>
 #include <errno.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
+#include "lmq/lmq_bytes.h"
+
 enum { _LMQ_TAIL_NONE, _LMQ_TAIL_NAME, _LMQ_TAIL_MESSAGE };
 
+/* One fixed field: where it lies in lmq_frame and its bytes on the wire. */
+typedef struct _lmq_frame_field {
+  uint8_t offset;
+  uint8_t size; /* 1, 2 or 4 */
+} _lmq_frame_field;
+
+#define _LMQ_FRAME_FIELDS_MAX 6
+
 typedef struct _lmq_frame_layout {
-  const char *fields;
+  _lmq_frame_field fields[_LMQ_FRAME_FIELDS_MAX];
+  uint8_t count;
   uint8_t tail;
   uint8_t directions;
 } _lmq_frame_layout;
+
+#define _LMQ_FIELD(member) {(uint8_t)offsetof(lmq_frame, member), (uint8_t)sizeof(((lmq_frame *)0)->member)}
+/* The field codes of lmq_frame.h. */
+#define M _LMQ_FIELD(magic)
+#define V _LMQ_FIELD(version)
+#define n _LMQ_FIELD(node)
+#define c _LMQ_FIELD(client)
+#define N _LMQ_FIELD(peer_node)
+#define C _LMQ_FIELD(peer_client)
+#define e _LMQ_FIELD(result)
+#define t _LMQ_FIELD(token)
+#define i _LMQ_FIELD(service_id)
+#define r _LMQ_FIELD(role)
+#define y _LMQ_FIELD(sysmsg_type)
+#define s _LMQ_FIELD(sequence)
+#define _LMQ_LAYOUT(tail, directions, ...)                                                      \
+  {{__VA_ARGS__},                                                                             \
+   (uint8_t)(sizeof((_lmq_frame_field[]){__VA_ARGS__}) / sizeof(_lmq_frame_field)),           \
+   tail,                                                                                      \
+   directions}
 
 #define _LMQ_BOTH (LMQ_FRAME_TO_HUB | LMQ_FRAME_TO_PEER)
 
 /* Indexed by type; entry 0 is no type. */
 static const _lmq_frame_layout g_lmq_frame_layouts[] = {
-    {NULL, _LMQ_TAIL_NONE, 0},
-    {"MVn", _LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB},        /* HELLO */
-    {"MVn", _LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER},       /* WELCOME */
-    {"e", _LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER},         /* REFUSED */
-    {"t", _LMQ_TAIL_NONE, _LMQ_BOTH},                 /* PING */
-    {"t", _LMQ_TAIL_NONE, _LMQ_BOTH},                 /* PONG */
-    {"nc", _LMQ_TAIL_NONE, _LMQ_BOTH},                /* CLIENT_ADD */
-    {"nc", _LMQ_TAIL_NONE, _LMQ_BOTH},                /* CLIENT_DEL */
-    {"n", _LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER},         /* NODE_DEL */
-    {"t", _LMQ_TAIL_NAME, LMQ_FRAME_TO_HUB},          /* REGISTER */
-    {"tei", _LMQ_TAIL_NAME, LMQ_FRAME_TO_PEER},       /* REGISTERED */
-    {"i", _LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB},          /* UNREGISTER */
-    {"irc", _LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB},        /* JOIN */
-    {"irc", _LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB},        /* LEAVE */
-    {"irnc", _LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER},      /* MEMBER_ADD */
-    {"irnc", _LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER},      /* MEMBER_DEL */
-    {"iycNC", _LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER},     /* SYSMSG */
-    {"iNCs", _LMQ_TAIL_MESSAGE, _LMQ_BOTH},           /* COMMAND */
-    {"iNCs", _LMQ_TAIL_MESSAGE, _LMQ_BOTH},           /* NOTIFY */
-    {"nciNCs", _LMQ_TAIL_MESSAGE, _LMQ_BOTH},         /* REPLY */
+    {{{0, 0}}, 0, _LMQ_TAIL_NONE, 0},
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB, M, V, n),          /* HELLO */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER, M, V, n),         /* WELCOME */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER, e),               /* REFUSED */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, _LMQ_BOTH, t),                       /* PING */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, _LMQ_BOTH, t),                       /* PONG */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, _LMQ_BOTH, n, c),                    /* CLIENT_ADD */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, _LMQ_BOTH, n, c),                    /* CLIENT_DEL */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER, n),               /* NODE_DEL */
+    _LMQ_LAYOUT(_LMQ_TAIL_NAME, LMQ_FRAME_TO_HUB, t),                /* REGISTER */
+    _LMQ_LAYOUT(_LMQ_TAIL_NAME, LMQ_FRAME_TO_PEER, t, e, i),         /* REGISTERED */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB, i),                /* UNREGISTER */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB, i, r, c),          /* JOIN */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_HUB, i, r, c),          /* LEAVE */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER, i, r, n, c),      /* MEMBER_ADD */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER, i, r, n, c),      /* MEMBER_DEL */
+    _LMQ_LAYOUT(_LMQ_TAIL_NONE, LMQ_FRAME_TO_PEER, i, y, c, N, C),   /* SYSMSG */
+    _LMQ_LAYOUT(_LMQ_TAIL_MESSAGE, _LMQ_BOTH, i, N, C, s),           /* COMMAND */
+    _LMQ_LAYOUT(_LMQ_TAIL_MESSAGE, _LMQ_BOTH, i, N, C, s),           /* NOTIFY */
+    _LMQ_LAYOUT(_LMQ_TAIL_MESSAGE, _LMQ_BOTH, n, c, i, N, C, s),     /* REPLY */
 };
 
+#undef M
+#undef V
+#undef n
+#undef c
+#undef N
+#undef C
+#undef e
+#undef t
+#undef i
+#undef r
+#undef y
+#undef s
+
 #define _LMQ_FRAME_TYPES (sizeof(g_lmq_frame_layouts) / sizeof(g_lmq_frame_layouts[0]))
-
-void lmq_frame_put32(unsigned char *p, uint32_t v) {
-  p[0] = (unsigned char)(v >> 24);
-  p[1] = (unsigned char)(v >> 16);
-  p[2] = (unsigned char)(v >> 8);
-  p[3] = (unsigned char)v;
-}
-
-uint32_t lmq_frame_get32(const unsigned char *p) {
-  return ((uint32_t)p[0] << 24) | ((uint32_t)p[1] << 16) | ((uint32_t)p[2] << 8) | p[3];
-}
-
-static void _lmq_frame_put16(unsigned char *p, uint16_t v) {
-  p[0] = (unsigned char)(v >> 8);
-  p[1] = (unsigned char)v;
-}
-
-static uint16_t _lmq_frame_get16(const unsigned char *p) {
-  return (uint16_t)((p[0] << 8) | p[1]);
-}
-
-/* Bytes of one field code. */
-static uint32_t _lmq_frame_field_size(char code) {
-  switch (code) {
-    case 'r':
-      return 1;
-    case 'V':
-    case 'i':
-      return 2;
-    default:
-      return 4;
-  }
-}
 
 /* Bytes of a layout's fixed part, type byte included. */
 static uint32_t _lmq_frame_fixed_size(const _lmq_frame_layout *layout) {
   uint32_t size = 1;
-  const char *code;
 
-  for (code = layout->fields; *code != '\0'; code++) size += _lmq_frame_field_size(*code);
+  for (uint8_t k = 0; k < layout->count; k++) size += layout->fields[k].size;
   return size;
 }
 
@@ -94,29 +105,48 @@ static const _lmq_frame_layout *_lmq_frame_layout_of(uint32_t type) {
   return type > 0 && type < _LMQ_FRAME_TYPES ? &g_lmq_frame_layouts[type] : NULL;
 }
 
-/* The 32-bit fields by code; null for the 8 and 16-bit ones. */
-static uint32_t *_lmq_frame_word(lmq_frame *frame, char code) {
-  switch (code) {
-    case 'M':
-      return &frame->magic;
-    case 'n':
-      return &frame->node;
-    case 'c':
-      return &frame->client;
-    case 'N':
-      return &frame->peer_node;
-    case 'C':
-      return &frame->peer_client;
-    case 'e':
-      return (uint32_t *)(void *)&frame->result;
-    case 't':
-      return &frame->token;
-    case 'y':
-      return &frame->sysmsg_type;
-    case 's':
-      return &frame->sequence;
+/* Copies one field from the record to the wire, most significant byte
+ * first. */
+static void _lmq_frame_field_put(unsigned char *p, const lmq_frame *frame,
+                                 const _lmq_frame_field *field) {
+  const unsigned char *at = (const unsigned char *)frame + field->offset;
+  uint16_t v16;
+  uint32_t v32;
+
+  switch (field->size) {
+    case 1:
+      *p = *at;
+      break;
+    case 2:
+      memcpy(&v16, at, sizeof v16);
+      lmq_put_be16(p, v16);
+      break;
     default:
-      return NULL;
+      memcpy(&v32, at, sizeof v32);
+      lmq_put_be32(p, v32);
+      break;
+  }
+}
+
+/* Copies one field from the wire to the record. */
+static void _lmq_frame_field_get(lmq_frame *frame, const unsigned char *p,
+                                 const _lmq_frame_field *field) {
+  unsigned char *at = (unsigned char *)frame + field->offset;
+  uint16_t v16;
+  uint32_t v32;
+
+  switch (field->size) {
+    case 1:
+      *at = *p;
+      break;
+    case 2:
+      v16 = lmq_get_be16(p);
+      memcpy(at, &v16, sizeof v16);
+      break;
+    default:
+      v32 = lmq_get_be32(p);
+      memcpy(at, &v32, sizeof v32);
+      break;
   }
 }
 
@@ -126,26 +156,15 @@ int lmq_frame_length_ok(uint32_t length) {
 
 uint32_t lmq_frame_encode(unsigned char *head, const lmq_frame *frame, uint32_t tail_len) {
   const _lmq_frame_layout *layout = _lmq_frame_layout_of(frame->type);
-  lmq_frame copy = *frame; /* _lmq_frame_word hands out writable fields */
   unsigned char *p = head + LMQ_FRAME_LENGTH_SIZE;
-  const char *code;
 
   assert(layout != NULL);
   *p++ = frame->type;
-  for (code = layout->fields; *code != '\0'; code++) {
-    uint32_t *word = _lmq_frame_word(&copy, *code);
-    if (word != NULL) {
-      lmq_frame_put32(p, *word);
-    } else if (*code == 'V') {
-      _lmq_frame_put16(p, copy.version);
-    } else if (*code == 'i') {
-      _lmq_frame_put16(p, (uint16_t)copy.service_id);
-    } else {
-      *p = copy.role;
-    }
-    p += _lmq_frame_field_size(*code);
+  for (uint8_t k = 0; k < layout->count; k++) {
+    _lmq_frame_field_put(p, frame, &layout->fields[k]);
+    p += layout->fields[k].size;
   }
-  lmq_frame_put32(head, (uint32_t)(p - head) - LMQ_FRAME_LENGTH_SIZE + tail_len);
+  lmq_put_be32(head, (uint32_t)(p - head) - LMQ_FRAME_LENGTH_SIZE + tail_len);
   return (uint32_t)(p - head);
 }
 
@@ -153,7 +172,6 @@ int lmq_frame_decode(lmq_frame *frame, const unsigned char *bytes, uint32_t leng
                      uint32_t direction, char *why, size_t why_size) {
   const _lmq_frame_layout *layout;
   const unsigned char *p = bytes + 1;
-  const char *code;
   uint32_t fixed;
   uint32_t tail_len;
 
@@ -179,18 +197,9 @@ int lmq_frame_decode(lmq_frame *frame, const unsigned char *bytes, uint32_t leng
 
   memset(frame, 0, sizeof(*frame));
   frame->type = bytes[0];
-  for (code = layout->fields; *code != '\0'; code++) {
-    uint32_t *word = _lmq_frame_word(frame, *code);
-    if (word != NULL) {
-      *word = lmq_frame_get32(p);
-    } else if (*code == 'V') {
-      frame->version = _lmq_frame_get16(p);
-    } else if (*code == 'i') {
-      frame->service_id = (int16_t)_lmq_frame_get16(p);
-    } else {
-      frame->role = *p;
-    }
-    p += _lmq_frame_field_size(*code);
+  for (uint8_t k = 0; k < layout->count; k++) {
+    _lmq_frame_field_get(frame, p, &layout->fields[k]);
+    p += layout->fields[k].size;
   }
   if (frame->role > LMQ_FRAME_ROLE_SUBSCRIBER) {
     snprintf(why, why_size, "bad role %u", (unsigned)frame->role);

@@ -128,8 +128,4 @@ uint32_t lmq_frame_encode(unsigned char *head, const lmq_frame *frame, uint32_t 
 int lmq_frame_decode(lmq_frame *frame, const unsigned char *bytes, uint32_t length,
                      uint32_t direction, char *why, size_t why_size);
 
-/* Big-endian access, shared with the bus. */
-void lmq_frame_put32(unsigned char *p, uint32_t v);
-uint32_t lmq_frame_get32(const unsigned char *p);
-
 #endif
