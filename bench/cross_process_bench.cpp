@@ -32,6 +32,14 @@
 // per round trip on that side. Not a target, a yardstick: it shows what
 // the wait of such a server costs on the machine of the run.
 //
+// BM_RawSocketPingPongBusyEcho/92/62/<ns>: the same, but the echoing
+// child works (spins on the clock) for <ns> nanoseconds before it answers,
+// as any server does some work per request. Not a target either: on a
+// virtual machine whose idle processors halt, the round trip can grow by
+// more than the work, because the caller's processor sleeps longer and
+// waking it then costs more. It tells how much of a registry round trip's
+// excess over the raw one is its own work and how much the machine adds.
+//
 // BM_RawSocketPingPongHops/92/62/<caller hops>/<echo hops>: the same bytes,
 // with the message handed on through more threads by a condition variable
 // on either side. 1/1: a receiver thread on each side (four wake-ups).
@@ -210,10 +218,18 @@ class Handoff {
 };
 
 // How the echoing child waits and answers: in its read (direct), in
-// epoll_wait before its read (epoll), or by a reader thread that hands
-// each request to a worker thread, which answers (hops).
-enum class Echo { kDirect, kEpoll, kHops };
-const char *const kEchoNames[] = {"direct", "epoll", "hops"};
+// epoll_wait before its read (epoll), by a reader thread that hands each
+// request to a worker thread, which answers (hops), or in its read, then
+// working a while before it answers (busy).
+enum class Echo { kDirect, kEpoll, kHops, kBusy };
+const char *const kEchoNames[] = {"direct", "epoll", "hops", "busy"};
+
+// Spins until ns nanoseconds have passed: work that keeps the processor.
+void busy_for(long ns) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(ns);
+  while (std::chrono::steady_clock::now() < end) {
+  }
+}
 
 // Waits in epoll_wait until the one socket of the set has input.
 bool echo_epoll_wait(int epoll_fd) {
@@ -244,17 +260,19 @@ int echo_epoll(int fd, std::vector<char> *request, const std::vector<char> &repl
 // The echoing child, a fresh process image (this program, started with
 // kEchoArg) so that it begins with one thread: reads requests of
 // request_size bytes on its standard input, a socket, and answers
-// reply_size bytes, until the socket closes.
+// reply_size bytes (after work_ns of work when busy), until the socket
+// closes.
 constexpr char kEchoArg[] = "--loreg-echo-child";
 
-int echo_child(size_t request_size, size_t reply_size, Echo mode) {
+int echo_child(size_t request_size, size_t reply_size, Echo mode, long work_ns) {
   const int fd = STDIN_FILENO;
   std::vector<char> request(request_size);
   std::vector<char> reply(reply_size, 'r');
   if (mode == Echo::kEpoll) return echo_epoll(fd, &request, reply);
-  if (mode == Echo::kDirect) {
-    while (read_all(fd, request.data(), request.size()) &&
-           write_all(fd, reply.data(), reply.size())) {
+  if (mode == Echo::kDirect || mode == Echo::kBusy) {
+    while (read_all(fd, request.data(), request.size())) {
+      if (mode == Echo::kBusy) busy_for(work_ns);
+      if (!write_all(fd, reply.data(), reply.size())) break;
     }
     return 0;
   }
@@ -272,12 +290,14 @@ int echo_child(size_t request_size, size_t reply_size, Echo mode) {
 
 // Starts the echoing child on one end of a socket pair; returns its pid,
 // or -1.
-pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, Echo echo) {
+pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, Echo echo,
+                       long work_ns) {
   std::string request = std::to_string(request_size);
   std::string reply = std::to_string(reply_size);
   std::string mode = kEchoNames[static_cast<int>(echo)];
+  std::string work = std::to_string(work_ns);
   char *argv[] = {const_cast<char *>("cross_process_bench"), const_cast<char *>(kEchoArg),
-                  request.data(), reply.data(), mode.data(), nullptr};
+                  request.data(), reply.data(), mode.data(), work.data(), nullptr};
   pid_t pid = fork();
   if (pid == 0) {
     dup2(child_end, STDIN_FILENO);
@@ -289,7 +309,7 @@ pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, Ec
 
 // One round trip after another; caller_hops threads (0, 1 or 2) stand
 // between the socket and the caller.
-void raw_ping_pong(benchmark::State &state, int caller_hops, Echo echo) {
+void raw_ping_pong(benchmark::State &state, int caller_hops, Echo echo, long work_ns = 0) {
   size_t request_size = static_cast<size_t>(state.range(0));
   size_t reply_size = static_cast<size_t>(state.range(1));
   int fds[2];
@@ -297,7 +317,7 @@ void raw_ping_pong(benchmark::State &state, int caller_hops, Echo echo) {
     state.SkipWithError("socketpair failed");
     return;
   }
-  pid_t pid = start_echo_child(fds[1], request_size, reply_size, echo);
+  pid_t pid = start_echo_child(fds[1], request_size, reply_size, echo, work_ns);
   close(fds[1]);
   if (pid < 0) {
     close(fds[0]);
@@ -362,6 +382,15 @@ BENCHMARK(BM_RawSocketPingPongEpoll)
     ->UseRealTime()
     ->ComputeStatistics("min", fastest);
 
+void BM_RawSocketPingPongBusyEcho(benchmark::State &state) {
+  raw_ping_pong(state, 0, Echo::kBusy, static_cast<long>(state.range(2)));
+}
+BENCHMARK(BM_RawSocketPingPongBusyEcho)
+    ->Args({92, 62, 1000})
+    ->Args({92, 62, 2000})
+    ->Args({92, 62, 4000})
+    ->UseRealTime();
+
 void BM_RawSocketPingPongHops(benchmark::State &state) {
   raw_ping_pong(state, static_cast<int>(state.range(2)),
                 state.range(3) != 0 ? Echo::kHops : Echo::kDirect);
@@ -375,12 +404,13 @@ BENCHMARK(BM_RawSocketPingPongHops)
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc == 5 && std::strcmp(argv[1], kEchoArg) == 0) {
+  if (argc == 6 && std::strcmp(argv[1], kEchoArg) == 0) {
     Echo mode = Echo::kDirect;
     for (size_t i = 0; i < std::size(kEchoNames); i++) {
       if (std::strcmp(argv[4], kEchoNames[i]) == 0) mode = static_cast<Echo>(i);
     }
-    return echo_child(std::strtoul(argv[2], nullptr, 10), std::strtoul(argv[3], nullptr, 10), mode);
+    return echo_child(std::strtoul(argv[2], nullptr, 10), std::strtoul(argv[3], nullptr, 10), mode,
+                      std::strtol(argv[5], nullptr, 10));
   }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
