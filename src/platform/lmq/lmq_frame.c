@@ -32,8 +32,27 @@ typedef struct _lmq_frame_layout {
   uint8_t directions;
 } _lmq_frame_layout;
 
-#define _LMQ_FIELD(member) {(uint8_t)offsetof(lmq_frame, member), (uint8_t)sizeof(((lmq_frame *)0)->member)}
-/* The field codes of lmq_frame.h. */
+#define _LMQ_MEMBER_SIZE(member) sizeof(((lmq_frame *)0)->member)
+#define _LMQ_FIELD(member) {(uint8_t)offsetof(lmq_frame, member), (uint8_t)_LMQ_MEMBER_SIZE(member)}
+
+/* A field's bytes on the wire are those of its member in lmq_frame: a
+ * member of another type would change the format. */
+#define _LMQ_WIRE_SIZE(member, bytes) \
+  _Static_assert(_LMQ_MEMBER_SIZE(member) == (bytes), #member " takes " #bytes " bytes on the wire")
+_LMQ_WIRE_SIZE(magic, 4);
+_LMQ_WIRE_SIZE(version, 2);
+_LMQ_WIRE_SIZE(node, 4);
+_LMQ_WIRE_SIZE(client, 4);
+_LMQ_WIRE_SIZE(peer_node, 4);
+_LMQ_WIRE_SIZE(peer_client, 4);
+_LMQ_WIRE_SIZE(result, 4);
+_LMQ_WIRE_SIZE(token, 4);
+_LMQ_WIRE_SIZE(service_id, 2);
+_LMQ_WIRE_SIZE(role, 1);
+_LMQ_WIRE_SIZE(sysmsg_type, 4);
+_LMQ_WIRE_SIZE(sequence, 4);
+
+/* The field codes of lmq_frame.h, for the table below only. */
 #define M _LMQ_FIELD(magic)
 #define V _LMQ_FIELD(version)
 #define n _LMQ_FIELD(node)
