@@ -224,6 +224,100 @@ TEST_F(Park, ARefusedSecondLeaderKeepsTheFirstFromParking) {
   EXPECT_EQ(bus_receive(second.get()).data, "re:second");
 }
 
+// The refusal outlasts the first leader: a later leader whose own request
+// went out before the refused thread's must not park either, or that
+// thread's answer, which comes after the later leader's, would wait for
+// the parking time with nobody reading.
+TEST_F(Park, ALeaderWhoseRequestWentBeforeARefusedOneDoesNotPark) {
+  BusClient early_client(m_peer.get());
+  BusClient refused_client(m_peer.get());
+  Rounds rounds(caller());
+  Rounds early(early_client.get());
+  Caller refused_state(refused_client.get());
+  Gate first_gate;
+  Gate last_gate;
+  Host gated(host(), [&](int, const std::string &text) {
+    if (text == "first") return first_gate.wait();
+    if (text == "last") return last_gate.wait();
+    return true;
+  });
+
+  rounds.state.next_round(0);
+  ASSERT_EQ(lmqClientLeadNext(caller(), 1), 0);
+  ASSERT_EQ(bus_command(caller(), m_id, "first"), 0);
+  std::future<int> led = std::async(std::launch::async, [&] { return rounds.state.lead(5000); });
+  ASSERT_TRUE(rounds.state.wait_leading());
+
+  // Sent while the first leader waits, each by its own thread: "early"
+  // leads only later, "last" is refused at once.
+  Gate early_sent;
+  Gate early_go;
+  std::future<int> early_led = std::async(std::launch::async, [&] {
+    early.state.next_round(0);
+    EXPECT_EQ(lmqClientLeadNext(early_client.get(), 1), 0);
+    EXPECT_EQ(bus_command(early_client.get(), m_id, "early"), 0);
+    early_sent.open();
+    EXPECT_TRUE(early_go.wait());
+    return early.state.lead(5000);
+  });
+  ASSERT_TRUE(early_sent.wait());
+  ASSERT_EQ(lmqClientLeadNext(refused_client.get(), 1), 0);
+  ASSERT_EQ(bus_command(refused_client.get(), m_id, "last"), 0);
+  EXPECT_EQ(refused_state.lead(5000), -16);
+
+  first_gate.open();
+  EXPECT_EQ(led.get(), 0);
+  ASSERT_TRUE(early.state.wait_offers(1));
+  EXPECT_EQ(parked(), 0u);
+
+  // The early thread's answer is in: it leads, is done at once, and gives
+  // the connection back, for "last" is still to come.
+  early_go.open();
+  EXPECT_EQ(early_led.get(), 0);
+  EXPECT_EQ(parked(), 0u);
+  last_gate.open();
+  BusReceived got = bus_receive(refused_client.get());
+  EXPECT_EQ(got.data, "re:last");
+}
+
+// Likewise for a thread whose own lead ended without its answer: it waits
+// on, so a leader whose send went before its own does not park.
+TEST_F(Park, ALeaderWhoseRequestWentBeforeAnUnansweredLeadDoesNotPark) {
+  BusClient early_client(m_peer.get());
+  BusClient slow_client(m_peer.get());
+  Rounds early(early_client.get());
+  Rounds slow(slow_client.get());
+  Gate slow_gate;
+  Host gated(host(), [&](int, const std::string &text) {
+    return text != "slow" || slow_gate.wait();
+  });
+
+  Gate early_sent;
+  Gate early_go;
+  std::future<int> early_led = std::async(std::launch::async, [&] {
+    early.state.next_round(0);
+    EXPECT_EQ(lmqClientLeadNext(early_client.get(), 1), 0);
+    EXPECT_EQ(bus_command(early_client.get(), m_id, "early"), 0);
+    early_sent.open();
+    EXPECT_TRUE(early_go.wait());
+    return early.state.lead(5000);
+  });
+  ASSERT_TRUE(early_sent.wait());
+  slow.state.next_round(0);
+  ASSERT_EQ(lmqClientLeadNext(slow_client.get(), 1), 0);
+  ASSERT_EQ(bus_command(slow_client.get(), m_id, "slow"), 0);
+  EXPECT_EQ(slow.state.lead(50), -110);
+  ASSERT_TRUE(early.state.wait_offers(1));
+  EXPECT_EQ(parked(), 0u);
+
+  early_go.open();
+  EXPECT_EQ(early_led.get(), 0);
+  EXPECT_EQ(parked(), 0u);
+  slow_gate.open();
+  ASSERT_TRUE(slow.state.wait_offers(1));
+  EXPECT_EQ(slow.state.offer_at(0).bytes, "re:slow");
+}
+
 TEST_F(Park, ALeaderWithoutItsAnswerGivesTheConnectionBack) {
   Caller state(caller());
   Host silent(host(), [](int, const std::string &) { return false; });

@@ -327,7 +327,10 @@ CSP_EXPORT int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lea
  * that send or by lmqClientLeadBus. A thread that announced and then
  * cannot lead (lmqClientLeadBus gives -11 because another send of the
  * client came in between) gives a parked connection back as well, so its
- * answer is read at once. Returns 0 or -22.
+ * answer is read at once. Such a thread, and one refused because another
+ * leads (-16) or whose lead ended without its answer, waits for an answer
+ * that comes after those of the sends before its own: no leader whose
+ * send went before it parks the connection. Returns 0 or -22.
  */
 CSP_EXPORT int lmqClientLeadNext(lmq_client *client, int will_lead);
 

@@ -107,7 +107,11 @@
  * back when a timer, armed by the first park, says that the server's
  * parking time (park_us) is over, when it has output to write there, or
  * when a send that no lead follows wakes it; such a send also keeps
- * leaders from parking until one gave the connection back. What else
+ * leaders from parking until one gave the connection back. Every frame
+ * sent gets a ticket, its number on the connection: a thread that waits
+ * for the answer to an announced send without leading (refused, or its
+ * lead ended unanswered) keeps every leader whose own send had an earlier
+ * ticket from parking, since its answer comes after theirs. What else
  * arrives meanwhile waits at most the parking time.
  *
  * Locking. server->bus_mutex (set-up, teardown, sync and registration
@@ -206,6 +210,12 @@ typedef struct _lmq_bus_conn {
   int yield;         /* atomic: a thread sent without leading after it, or
                         failed to lead, since a leader last gave the
                         connection back: leaders do not park it */
+  uint32_t sent;     /* out_mutex: frames written or queued so far; the
+                        count after a frame is its ticket */
+  uint32_t waited;   /* atomic: the latest ticket of an announced send
+                        whose thread waits for the answer without leading
+                        (0: none); a leader whose own send went before it
+                        does not park the connection */
   int watched;       /* in_mutex: in the bus thread's epoll set */
   uint32_t events;   /* in_mutex: the events watched there */
   pthread_mutex_t out_mutex;
@@ -280,6 +290,11 @@ static __thread const lmq_bus *t_lmq_bus_self;
 /* Set by lmqClientLeadNext: this thread's next send to a hub is followed
  * by lmqClientLeadBus. */
 static __thread int t_lmq_bus_lead_next;
+
+/* This thread's last announced send to a hub: the connection and the
+ * frame's ticket. Only compared, never followed. */
+static __thread const struct _lmq_bus_conn *t_lmq_bus_lead_conn;
+static __thread uint32_t t_lmq_bus_lead_ticket;
 
 /* The bus whose thread is handling frames, in that thread: frames it
  * sends meanwhile wait in the output buffers and go out in one write per
@@ -637,12 +652,15 @@ static void _lmq_bus_flush_nolock(_lmq_bus_conn *conn);
 /* A send to the hub by a thread that does not read the connection: unless
  * that thread leads right after it (lmqClientLeadNext), the answer must
  * not wait in a parked connection. Leaders stop parking it, and a parked
- * one goes back to the bus thread at once. Returns whether the bus thread
- * must wake for that. */
-static int _lmq_bus_sent_unled(const lmq_bus *bus, _lmq_bus_conn *conn) {
+ * one goes back to the bus thread at once. An announced send is noted
+ * with its ticket, for the lead. Returns whether the bus thread must wake
+ * for that. */
+static int _lmq_bus_sent_unled(const lmq_bus *bus, _lmq_bus_conn *conn, uint32_t ticket) {
   if (bus->role != LMQ_BUS_PEER || t_lmq_bus_reading || t_lmq_bus_self == bus) return 0;
   if (t_lmq_bus_lead_next) {
     t_lmq_bus_lead_next = 0;
+    t_lmq_bus_lead_conn = conn;
+    t_lmq_bus_lead_ticket = ticket;
     return 0;
   }
   /* Paired with _lmq_bus_lead_park: either the leader sees yield, or
@@ -668,6 +686,7 @@ static int _lmq_bus_conn_write(lmq_bus *bus, _lmq_bus_conn *conn, const unsigned
   uint32_t used;
   uint32_t limit = control ? LMQ_BUS_OUT_BYTES : LMQ_BUS_OUT_BYTES - LMQ_BUS_OUT_RESERVE;
   uint32_t written = 0;
+  uint32_t ticket = 0;
   int wake = 0;
   int rc = 0;
 
@@ -688,6 +707,8 @@ static int _lmq_bus_conn_write(lmq_bus *bus, _lmq_bus_conn *conn, const unsigned
     }
     goto out;
   }
+  ticket = ++conn->sent;
+  if (ticket == 0) ticket = ++conn->sent; /* 0 stands for none */
   if (t_lmq_bus_cork == bus) {
     /* The bus thread handles frames: what they cause goes out together
      * when it is done with them (_lmq_bus_uncork). */
@@ -735,7 +756,7 @@ static int _lmq_bus_conn_write(lmq_bus *bus, _lmq_bus_conn *conn, const unsigned
   }
 out:
   pthread_mutex_unlock(&conn->out_mutex);
-  if (rc == 0 && _lmq_bus_sent_unled(bus, conn)) wake = 1;
+  if (rc == 0 && _lmq_bus_sent_unled(bus, conn, ticket)) wake = 1;
   if (wake) _lmq_bus_wake(bus);
   return rc;
 }
@@ -2424,6 +2445,37 @@ int lmqServerBusClose(lmq_server *server) {
 
 /* --- Leading ---------------------------------------------------------------- */
 
+/* Whether ticket a came after ticket b (the counts wrap). */
+static int _lmq_bus_ticket_after(uint32_t a, uint32_t b) {
+  return (int32_t)(a - b) > 0;
+}
+
+/* This thread waits for the answer to its last announced send on conn
+ * without leading (refused, or its lead ended unanswered). That answer
+ * comes after the answers to every send before it: a leader whose own
+ * send went before must not park the connection, or the answer would
+ * wait for the parking time with nobody reading. */
+static void _lmq_bus_note_unled_wait(_lmq_bus_conn *conn) {
+  uint32_t ticket = t_lmq_bus_lead_ticket;
+  uint32_t seen;
+
+  if (t_lmq_bus_lead_conn != conn) return;
+  seen = __atomic_load_n(&conn->waited, __ATOMIC_SEQ_CST);
+  do {
+    if (seen != 0 && !_lmq_bus_ticket_after(ticket, seen)) return;
+  } while (!__atomic_compare_exchange_n(&conn->waited, &seen, ticket, 0, __ATOMIC_SEQ_CST,
+                                        __ATOMIC_SEQ_CST));
+}
+
+/* Whether a thread that does not lead waits for an answer that comes
+ * after this leader's own (or this thread's send is unknown). */
+static int _lmq_bus_later_answer_awaited(const _lmq_bus_conn *conn) {
+  uint32_t waited = __atomic_load_n(&conn->waited, __ATOMIC_SEQ_CST);
+
+  if (t_lmq_bus_lead_conn != conn) return 1;
+  return waited != 0 && _lmq_bus_ticket_after(waited, t_lmq_bus_lead_ticket);
+}
+
 /* Takes a peer's hub connection from the bus thread, which stops watching
  * its input (a parked connection is the leader's at once). Refused while
  * another thread leads (-16: that one does not park it then), for a dead
@@ -2437,11 +2489,13 @@ static int _lmq_bus_lead_take(lmq_bus *bus, _lmq_bus_conn *conn) {
   pthread_mutex_lock(&conn->in_mutex);
   out = _lmq_bus_out_state(conn);
   if (conn->led) {
+    _lmq_bus_note_unled_wait(conn);
     __atomic_store_n(&conn->yield, 1, __ATOMIC_SEQ_CST);
     rc = -EBUSY;
   } else if (out == LMQ_BUS_OUT_DEAD) {
     rc = -ENOTCONN;
   } else if (!conn->watched || out == LMQ_BUS_OUT_PENDING) {
+    _lmq_bus_note_unled_wait(conn);
     rc = -EAGAIN;
   } else if (__atomic_load_n(&conn->parked, __ATOMIC_RELAXED)) {
     __atomic_store_n(&conn->parked, 0, __ATOMIC_SEQ_CST);
@@ -2477,6 +2531,7 @@ static int _lmq_bus_lead_park(lmq_bus *bus, _lmq_bus_conn *conn) {
   uint32_t us = __atomic_load_n(&bus->server->park_us, __ATOMIC_RELAXED);
 
   if (us == 0 || bus->park_fd < 0 || __atomic_load_n(&bus->stop, __ATOMIC_ACQUIRE)) return 0;
+  if (_lmq_bus_later_answer_awaited(conn)) return 0;
   /* Paired with _lmq_bus_sent_unled. */
   __atomic_store_n(&conn->parked, 1, __ATOMIC_SEQ_CST);
   if (!__atomic_load_n(&conn->yield, __ATOMIC_SEQ_CST) && _lmq_bus_park_timer(bus, us)) return 1;
@@ -2492,6 +2547,7 @@ static void _lmq_bus_lead_give(lmq_bus *bus, _lmq_bus_conn *conn, int answered) 
   uint32_t events = (uint32_t)EPOLLIN | (out == LMQ_BUS_OUT_PENDING ? (uint32_t)EPOLLOUT : 0u);
 
   pthread_mutex_lock(&conn->in_mutex);
+  if (!answered) _lmq_bus_note_unled_wait(conn);
   conn->led = 0;
   if (!answered || out != 0 || !_lmq_bus_lead_park(bus, conn)) {
     __atomic_store_n(&conn->yield, 0, __ATOMIC_SEQ_CST);
@@ -2623,6 +2679,7 @@ void lmq_bus_lead_declined(lmq_server *server) {
   if (conn != NULL) {
     /* As _lmq_bus_sent_unled: either a leader sees yield, or this thread
      * sees the connection parked. */
+    _lmq_bus_note_unled_wait(conn);
     __atomic_store_n(&conn->yield, 1, __ATOMIC_SEQ_CST);
     if (__atomic_load_n(&conn->parked, __ATOMIC_SEQ_CST)) _lmq_bus_wake(bus);
   }
