@@ -2468,12 +2468,20 @@ static void _lmq_bus_note_unled_wait(_lmq_bus_conn *conn) {
 }
 
 /* Whether a thread that does not lead waits for an answer that comes
- * after this leader's own (or this thread's send is unknown). */
-static int _lmq_bus_later_answer_awaited(const _lmq_bus_conn *conn) {
+ * after this leader's own (or this thread's send is unknown). An awaited
+ * answer to an earlier send came before this leader's own and has been
+ * read: it is forgotten, so that no stale ticket outlives the counts'
+ * wrap. */
+static int _lmq_bus_later_answer_awaited(_lmq_bus_conn *conn) {
   uint32_t waited = __atomic_load_n(&conn->waited, __ATOMIC_SEQ_CST);
 
   if (t_lmq_bus_lead_conn != conn) return 1;
-  return waited != 0 && _lmq_bus_ticket_after(waited, t_lmq_bus_lead_ticket);
+  if (waited == 0) return 0;
+  if (_lmq_bus_ticket_after(waited, t_lmq_bus_lead_ticket)) return 1;
+  /* A newer one noted meanwhile stays. */
+  (void)__atomic_compare_exchange_n(&conn->waited, &waited, 0u, 0, __ATOMIC_SEQ_CST,
+                                    __ATOMIC_SEQ_CST);
+  return 0;
 }
 
 /* Takes a peer's hub connection from the bus thread, which stops watching
