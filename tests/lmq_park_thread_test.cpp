@@ -87,6 +87,36 @@ struct Rounds {
   Receiver receiver;
 };
 
+// A thread of its own that sends "early" through a client of the peer,
+// announced, and leads only when told to: its send goes before those that
+// follow, its lead after them.
+class EarlyLeader {
+ public:
+  EarlyLeader(lmq_client *client, int16_t id) : m_rounds(client) {
+    m_led = std::async(std::launch::async, [this, client, id] {
+      m_rounds.state.next_round(0);
+      EXPECT_EQ(lmqClientLeadNext(client, 1), 0);
+      EXPECT_EQ(bus_command(client, id, "early"), 0);
+      m_sent.open();
+      EXPECT_TRUE(m_go.wait());
+      return m_rounds.state.lead(5000);
+    });
+  }
+  bool sent() { return m_sent.wait(); }
+  bool answered() { return m_rounds.state.wait_offers(1); }
+  // Lets it lead; returns what the lead gave.
+  int lead() {
+    m_go.open();
+    return m_led.get();
+  }
+
+ private:
+  Rounds m_rounds;
+  Gate m_sent;
+  Gate m_go;
+  std::future<int> m_led;
+};
+
 TEST_F(Park, AnAnsweredAnnouncedLeaderParksAndTheNextLeaderTakesItOver) {
   add_news();
   Rounds rounds(caller());
@@ -232,7 +262,6 @@ TEST_F(Park, ALeaderWhoseRequestWentBeforeARefusedOneDoesNotPark) {
   BusClient early_client(m_peer.get());
   BusClient refused_client(m_peer.get());
   Rounds rounds(caller());
-  Rounds early(early_client.get());
   Caller refused_state(refused_client.get());
   Gate first_gate;
   Gate last_gate;
@@ -250,30 +279,20 @@ TEST_F(Park, ALeaderWhoseRequestWentBeforeARefusedOneDoesNotPark) {
 
   // Sent while the first leader waits, each by its own thread: "early"
   // leads only later, "last" is refused at once.
-  Gate early_sent;
-  Gate early_go;
-  std::future<int> early_led = std::async(std::launch::async, [&] {
-    early.state.next_round(0);
-    EXPECT_EQ(lmqClientLeadNext(early_client.get(), 1), 0);
-    EXPECT_EQ(bus_command(early_client.get(), m_id, "early"), 0);
-    early_sent.open();
-    EXPECT_TRUE(early_go.wait());
-    return early.state.lead(5000);
-  });
-  ASSERT_TRUE(early_sent.wait());
+  EarlyLeader early(early_client.get(), m_id);
+  ASSERT_TRUE(early.sent());
   ASSERT_EQ(lmqClientLeadNext(refused_client.get(), 1), 0);
   ASSERT_EQ(bus_command(refused_client.get(), m_id, "last"), 0);
   EXPECT_EQ(refused_state.lead(5000), -16);
 
   first_gate.open();
   EXPECT_EQ(led.get(), 0);
-  ASSERT_TRUE(early.state.wait_offers(1));
+  ASSERT_TRUE(early.answered());
   EXPECT_EQ(parked(), 0u);
 
   // The early thread's answer is in: it leads, is done at once, and gives
   // the connection back, for "last" is still to come.
-  early_go.open();
-  EXPECT_EQ(early_led.get(), 0);
+  EXPECT_EQ(early.lead(), 0);
   EXPECT_EQ(parked(), 0u);
   last_gate.open();
   BusReceived got = bus_receive(refused_client.get());
@@ -285,33 +304,22 @@ TEST_F(Park, ALeaderWhoseRequestWentBeforeARefusedOneDoesNotPark) {
 TEST_F(Park, ALeaderWhoseRequestWentBeforeAnUnansweredLeadDoesNotPark) {
   BusClient early_client(m_peer.get());
   BusClient slow_client(m_peer.get());
-  Rounds early(early_client.get());
   Rounds slow(slow_client.get());
   Gate slow_gate;
   Host gated(host(), [&](int, const std::string &text) {
     return text != "slow" || slow_gate.wait();
   });
 
-  Gate early_sent;
-  Gate early_go;
-  std::future<int> early_led = std::async(std::launch::async, [&] {
-    early.state.next_round(0);
-    EXPECT_EQ(lmqClientLeadNext(early_client.get(), 1), 0);
-    EXPECT_EQ(bus_command(early_client.get(), m_id, "early"), 0);
-    early_sent.open();
-    EXPECT_TRUE(early_go.wait());
-    return early.state.lead(5000);
-  });
-  ASSERT_TRUE(early_sent.wait());
+  EarlyLeader early(early_client.get(), m_id);
+  ASSERT_TRUE(early.sent());
   slow.state.next_round(0);
   ASSERT_EQ(lmqClientLeadNext(slow_client.get(), 1), 0);
   ASSERT_EQ(bus_command(slow_client.get(), m_id, "slow"), 0);
   EXPECT_EQ(slow.state.lead(50), -110);
-  ASSERT_TRUE(early.state.wait_offers(1));
+  ASSERT_TRUE(early.answered());
   EXPECT_EQ(parked(), 0u);
 
-  early_go.open();
-  EXPECT_EQ(early_led.get(), 0);
+  EXPECT_EQ(early.lead(), 0);
   EXPECT_EQ(parked(), 0u);
   slow_gate.open();
   ASSERT_TRUE(slow.state.wait_offers(1));
