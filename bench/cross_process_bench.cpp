@@ -1,21 +1,27 @@
 // Registry round trips across processes, against a raw Unix-socket
 // ping-pong of the same message sizes between two processes.
 //
-// BM_CrossProcessValueSetSync / BM_CrossProcessValueQuerySync: this
-// process joins the bus of a loregd child process (started once, with
-// --no-persist on a socket in a temporary directory) and calls
-// lorc_value_set (20-byte path, 10-byte value) or lorc_value_query
-// synchronously. A query goes: caller thread -> socket (the caller writes
-// its frame itself) -> daemon's bus thread, which serves it while
-// "lorsmain" waits idle -> socket -> the caller, which reads the bus
-// itself while it waits (it leads the connection) and completes its job
-// there: two wake-ups, as in the raw ping-pong. Between two calls the
+// BM_CrossProcessValueSetSync/spin_us:<us> and
+// BM_CrossProcessValueQuerySync/spin_us:<us>: this process joins the bus
+// of a loregd child process (started once, with --no-persist on a socket
+// in a temporary directory) and calls lorc_value_set (20-byte path,
+// 10-byte value) or lorc_value_query synchronously. A query goes: caller
+// thread -> socket (the caller writes its frame itself) -> daemon's bus
+// thread, which serves it while "lorsmain" waits idle -> socket -> the
+// caller, which reads the bus itself while it waits (it leads the
+// connection) and completes its job there. Between two calls the
 // connection stays parked for the caller (it announces each lead), so the
 // daemon's answer never wakes the caller's bus thread and the hand-over
-// costs no epoll changes. A set makes the server
-// broadcast a key update before the reply; the daemon's bus thread writes
-// both in one go, and the caller takes the update too (the client has no
-// subscription) before the reply: also two wake-ups.
+// costs no epoll changes. A set makes the server broadcast a key update
+// before the reply; the daemon's bus thread writes both in one go, and the
+// caller takes the update too (the client has no subscription) before the
+// reply.
+//
+// <us> is the leader's polling time (lmqServerBusSetLeadSpin). With 0 the
+// caller sleeps in recv at once: two thread wake-ups per round trip, as in
+// the raw ping-pong. With the default (LMQ_BUS_LEAD_SPIN_US_DEFAULT on a
+// machine of several processors) the caller polls the socket first, and a
+// quick answer finds it still running: one wake-up, the daemon's.
 //
 // BM_RawSocketPingPong/<request>/<reply>: a child process echoes on a Unix
 // stream socket pair; one iteration writes a request of the registry's size
@@ -23,10 +29,15 @@
 // bytes): the same two crossings of the socket, one thread on each side,
 // so two thread wake-ups per round trip.
 //
+// BM_RawSocketPingPongPolling/<request>/<reply>/<us>: the same, but the
+// caller polls its socket for up to <us> microseconds before it sleeps in
+// read, as a registry leader does: the raw counterpart of the registry
+// with polling.
+//
 // With repetitions, each of these also reports its fastest repetition
 // ("_min"): on a shared machine the noise only ever adds time.
 //
-// BM_RawSocketPingPongEpoll/<request>/<reply>: the same, but the echoing
+// BM_RawSocketPingPongEpoll/<request>/<reply>: the raw ping-pong, but the echoing
 // child waits for its socket in epoll_wait before it reads, as a server of
 // many connections does (the daemon's bus thread): one system call more
 // per round trip on that side. Not a target, a yardstick: it shows what
@@ -116,6 +127,19 @@ class CrossProcessRegistry {
   }
   bool ok() const { return m_ok; }
   lorc_client *client() const { return m_client; }
+  // Ready for a benchmark whose first argument is the leaders' polling
+  // time; false (and the benchmark skipped) when not.
+  bool start(benchmark::State &state) const {
+    if (!m_ok) {
+      state.SkipWithError("loregd or the client did not start");
+      return false;
+    }
+    if (lmqServerBusSetLeadSpin(m_bus, static_cast<uint32_t>(state.range(0))) != 0) {
+      state.SkipWithError("lmqServerBusSetLeadSpin failed");
+      return false;
+    }
+    return true;
+  }
 
  private:
   std::string m_dir;
@@ -133,10 +157,7 @@ CrossProcessRegistry &registry() {
 
 void BM_CrossProcessValueSetSync(benchmark::State &state) {
   CrossProcessRegistry &r = registry();
-  if (!r.ok()) {
-    state.SkipWithError("loregd or the client did not start");
-    return;
-  }
+  if (!r.start(state)) return;
   for (auto _ : state) {
     int rc = lorc_value_set(r.client(), 0, kPath, kValue, 10, kPlain, 5);
     if (rc != 0) {
@@ -145,14 +166,16 @@ void BM_CrossProcessValueSetSync(benchmark::State &state) {
     }
   }
 }
-BENCHMARK(BM_CrossProcessValueSetSync)->UseRealTime()->ComputeStatistics("min", fastest);
+BENCHMARK(BM_CrossProcessValueSetSync)
+    ->ArgName("spin_us")
+    ->Arg(0)
+    ->Arg(LMQ_BUS_LEAD_SPIN_US_DEFAULT)
+    ->UseRealTime()
+    ->ComputeStatistics("min", fastest);
 
 void BM_CrossProcessValueQuerySync(benchmark::State &state) {
   CrossProcessRegistry &r = registry();
-  if (!r.ok()) {
-    state.SkipWithError("loregd or the client did not start");
-    return;
-  }
+  if (!r.start(state)) return;
   char buffer[64];
   for (auto _ : state) {
     int rc = lorc_value_query(r.client(), 0, kPath, buffer, sizeof buffer, 5);
@@ -162,7 +185,12 @@ void BM_CrossProcessValueQuerySync(benchmark::State &state) {
     }
   }
 }
-BENCHMARK(BM_CrossProcessValueQuerySync)->UseRealTime()->ComputeStatistics("min", fastest);
+BENCHMARK(BM_CrossProcessValueQuerySync)
+    ->ArgName("spin_us")
+    ->Arg(0)
+    ->Arg(LMQ_BUS_LEAD_SPIN_US_DEFAULT)
+    ->UseRealTime()
+    ->ComputeStatistics("min", fastest);
 
 bool write_all(int fd, const char *data, size_t len) {
   while (len > 0) {
@@ -184,6 +212,22 @@ bool read_all(int fd, char *data, size_t len) {
     len -= static_cast<size_t>(n);
   }
   return true;
+}
+
+// read_all, after polling fd for up to spin_ns nanoseconds for the first
+// bytes.
+bool read_all_polling(int fd, char *data, size_t len, long spin_ns) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(spin_ns);
+  do {
+    ssize_t n = recv(fd, data, len, MSG_DONTWAIT);
+    if (n > 0) {
+      data += n;
+      len -= static_cast<size_t>(n);
+      break;
+    }
+    if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) return false;
+  } while (std::chrono::steady_clock::now() < end);
+  return read_all(fd, data, len);
 }
 
 // Passes one message at a time from one thread to another.
@@ -308,8 +352,10 @@ pid_t start_echo_child(int child_end, size_t request_size, size_t reply_size, Ec
 }
 
 // One round trip after another; caller_hops threads (0, 1 or 2) stand
-// between the socket and the caller.
-void raw_ping_pong(benchmark::State &state, int caller_hops, Echo echo, long work_ns = 0) {
+// between the socket and the caller. Without hops, the caller polls for
+// its reply for up to caller_spin_ns before it sleeps.
+void raw_ping_pong(benchmark::State &state, int caller_hops, Echo echo, long work_ns = 0,
+                   long caller_spin_ns = 0) {
   size_t request_size = static_cast<size_t>(state.range(0));
   size_t reply_size = static_cast<size_t>(state.range(1));
   int fds[2];
@@ -330,7 +376,7 @@ void raw_ping_pong(benchmark::State &state, int caller_hops, Echo echo, long wor
   if (caller_hops == 0) {
     for (auto _ : state) {
       if (!write_all(fds[0], request.data(), request.size()) ||
-          !read_all(fds[0], reply.data(), reply.size())) {
+          !read_all_polling(fds[0], reply.data(), reply.size(), caller_spin_ns)) {
         state.SkipWithError("echo failed");
         break;
       }
@@ -372,6 +418,15 @@ void BM_RawSocketPingPong(benchmark::State &state) { raw_ping_pong(state, 0, Ech
 BENCHMARK(BM_RawSocketPingPong)
     ->Args({92, 62})
     ->Args({82, 72})
+    ->UseRealTime()
+    ->ComputeStatistics("min", fastest);
+
+void BM_RawSocketPingPongPolling(benchmark::State &state) {
+  raw_ping_pong(state, 0, Echo::kDirect, 0, static_cast<long>(state.range(2)) * 1000L);
+}
+BENCHMARK(BM_RawSocketPingPongPolling)
+    ->Args({92, 62, LMQ_BUS_LEAD_SPIN_US_DEFAULT})
+    ->Args({82, 72, LMQ_BUS_LEAD_SPIN_US_DEFAULT})
     ->UseRealTime()
     ->ComputeStatistics("min", fastest);
 

@@ -177,6 +177,11 @@ typedef struct lmq_bus_status {
   uint32_t peers;    /* a hub: peers connected; a peer: 1 while connected */
   uint32_t parked;   /* a peer: 1 while a leader left its hub connection
                         parked for the next one (lmqClientLeadNext) */
+  uint32_t lead_spin_us;     /* how long leaders poll (lmqServerBusSetLeadSpin) */
+  uint32_t lead_spin_hits;   /* a peer: leaders' polls of the hub connection
+                                that found input (lmqServerBusSetLeadSpin),
+                                counted since it was made, wrapping */
+  uint32_t lead_spin_misses; /* a peer: such polls that found nothing */
 } lmq_bus_status;
 
 /* Called by lmqCXHandleSystemMessage for a decoded system message. */
@@ -281,6 +286,28 @@ CSP_EXPORT int lmqServerBusClose(lmq_server *server);
 #define LMQ_BUS_PARK_US_DEFAULT 1000u
 #define LMQ_BUS_PARK_US_MAX 60000000u
 CSP_EXPORT int lmqServerBusSetParking(lmq_server *server, uint32_t max_us);
+
+/*
+ * How long a leader (lmqClientLeadBus) polls the hub connection before it
+ * sleeps in recv: max_us microseconds, up to LMQ_BUS_LEAD_SPIN_US_MAX; 0
+ * makes leaders sleep at once. An answer that comes meanwhile is read
+ * without the caller's processor going idle and being woken again, which
+ * on many machines costs more than a quick server takes to answer. The
+ * poll takes a processor for that long, so it only pays when the server
+ * runs on another one: a new server polls LMQ_BUS_LEAD_SPIN_US_DEFAULT
+ * when the process may run on more than one processor (its affinity when
+ * the server is created), else not at all. After
+ * LMQ_BUS_LEAD_SPIN_MISS_LIMIT polls in a row that found nothing, the
+ * next LMQ_BUS_LEAD_SPIN_SKIP reads of the connection sleep at once, then
+ * polling is tried again, so answers slower than the poll waste little.
+ * The time a leader waits in all (its timeout) does not change. Returns
+ * 0 or -22.
+ */
+#define LMQ_BUS_LEAD_SPIN_US_DEFAULT 20u
+#define LMQ_BUS_LEAD_SPIN_US_MAX 1000u
+#define LMQ_BUS_LEAD_SPIN_MISS_LIMIT 4u
+#define LMQ_BUS_LEAD_SPIN_SKIP 32u
+CSP_EXPORT int lmqServerBusSetLeadSpin(lmq_server *server, uint32_t max_us);
 
 /* Describes the server's place on a bus. Returns 0 or -22. */
 CSP_EXPORT int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status);

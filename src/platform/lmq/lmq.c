@@ -589,6 +589,7 @@ int lmqServerCreate(lmq_server **server) {
   }
   created->node = _lmq_new_node();
   created->park_us = LMQ_BUS_PARK_US_DEFAULT;
+  created->lead_spin_us = lmq_bus_lead_spin_default();
   created->magic = LMQ_SERVER_MAGIC;
   rc = cspOsalUptimeListenerAdd(_lmq_uptime_moved, created);
   if (rc < 0) {

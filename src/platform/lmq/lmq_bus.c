@@ -97,7 +97,9 @@
  * on the socket (peer sockets are blocking; every other read and write
  * says MSG_DONTWAIT) and handles what comes exactly as the bus thread
  * would. The answer then wakes the waiting thread directly instead of
- * the bus thread, which would have to hand it over. Connections are not
+ * the bus thread, which would have to hand it over. Before it sleeps in
+ * recv, the leader polls the socket for the server's spin time
+ * (lead_spin_us), so a quick answer finds it running. Connections are not
  * reaped and the bus is not closed while a leader is inside.
  *
  * Parking. A leader whose answer came, and whose thread announced the
@@ -134,6 +136,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -204,6 +207,10 @@ typedef struct _lmq_bus_conn {
                         thread, which watches only its end meanwhile; the
                         leader alone uses in, in_len and offer then */
   int lead_timeout_ms; /* leader only: receive timeout set on the socket */
+  uint32_t spin_misses; /* leader only: polls in a row that found nothing */
+  uint32_t spin_skips;  /* leader only: reads left that do not poll */
+  uint32_t spin_hit_count;  /* atomic: polls that found input */
+  uint32_t spin_miss_count; /* atomic: polls that found nothing */
   int parked;        /* atomic, changed under in_mutex: no leader, and the
                         bus thread still watches only the end, until it
                         takes the connection back or a leader comes */
@@ -2576,6 +2583,60 @@ static int _lmq_bus_ms_left(const struct timespec *deadline) {
   return ms > INT32_MAX ? INT32_MAX : (int)ms;
 }
 
+/* Nanoseconds of the monotonic clock. */
+static int64_t _lmq_bus_now_ns(void) {
+  struct timespec now;
+
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
+}
+
+/* Reads what the led connection has into the input buffer without
+ * waiting. Returns what recv returned. */
+static ssize_t _lmq_bus_lead_try_recv(_lmq_bus_conn *conn) {
+  ssize_t n;
+
+  do {
+    n = recv(conn->fd, conn->in + conn->in_len, LMQ_BUS_IN_BYTES - conn->in_len, MSG_DONTWAIT);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
+
+/* Polls the led connection for up to the server's spin time before the
+ * leader sleeps: an answer that comes meanwhile is read without this
+ * processor going idle and being woken again, which costs more than a
+ * quick server takes to answer. Polls that keep finding nothing are
+ * skipped for a while (LMQ_BUS_LEAD_SPIN_MISS_LIMIT). Returns what recv
+ * returned; -1 with EAGAIN when nothing came (or it did not poll). */
+static ssize_t _lmq_bus_lead_spin(lmq_bus *bus, _lmq_bus_conn *conn) {
+  uint32_t us = __atomic_load_n(&bus->server->lead_spin_us, __ATOMIC_RELAXED);
+  int64_t end;
+  ssize_t n;
+
+  if (us == 0) goto nothing;
+  if (conn->spin_skips > 0) {
+    conn->spin_skips--;
+    goto nothing;
+  }
+  end = _lmq_bus_now_ns() + (int64_t)us * 1000;
+  do {
+    n = _lmq_bus_lead_try_recv(conn);
+    if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
+      conn->spin_misses = 0;
+      if (n > 0) __atomic_add_fetch(&conn->spin_hit_count, 1u, __ATOMIC_RELAXED);
+      return n;
+    }
+  } while (_lmq_bus_now_ns() < end);
+  __atomic_add_fetch(&conn->spin_miss_count, 1u, __ATOMIC_RELAXED);
+  if (++conn->spin_misses >= LMQ_BUS_LEAD_SPIN_MISS_LIMIT) {
+    conn->spin_misses = 0;
+    conn->spin_skips = LMQ_BUS_LEAD_SPIN_SKIP;
+  }
+nothing:
+  errno = EAGAIN;
+  return -1;
+}
+
 /* Waits up to ms for input on the led connection and reads it into the
  * input buffer: a blocking recv, whose timeout is set on the socket when
  * it changes (a leader's first wait is usually its only one). Returns
@@ -2594,6 +2655,19 @@ static ssize_t _lmq_bus_lead_recv(_lmq_bus_conn *conn, int ms) {
     n = recv(conn->fd, conn->in + conn->in_len, LMQ_BUS_IN_BYTES - conn->in_len, 0);
   } while (n < 0 && errno == EINTR);
   return n;
+}
+
+/* Reads the led connection: polls first, then sleeps up to the deadline
+ * (*ms, refreshed after the poll). Returns what recv returned; -1 with
+ * EAGAIN when nothing came in time. */
+static ssize_t _lmq_bus_lead_read(lmq_bus *bus, _lmq_bus_conn *conn,
+                                  const struct timespec *deadline, int *ms) {
+  ssize_t n = _lmq_bus_lead_spin(bus, conn);
+
+  if (n >= 0 || errno != EAGAIN) return n;
+  *ms = _lmq_bus_ms_left(deadline);
+  if (*ms == 0) return -1; /* errno is EAGAIN */
+  return _lmq_bus_lead_recv(conn, *ms);
 }
 
 /* Reads and handles the led connection until done, the deadline, mail for
@@ -2618,7 +2692,7 @@ static int _lmq_bus_lead_loop(lmq_bus *bus, _lmq_bus_conn *conn, _lmq_client_rec
     if (lmq_client_has_mail(rec)) return -EAGAIN;
     if (_lmq_bus_conn_is_dead(conn, NULL)) return -ENOTCONN;
     if (ms == 0) return -ETIMEDOUT;
-    n = _lmq_bus_lead_recv(conn, ms);
+    n = _lmq_bus_lead_read(bus, conn, &deadline, &ms);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       ms = _lmq_bus_ms_left(&deadline);
       continue;
@@ -2700,6 +2774,19 @@ int lmqServerBusSetParking(lmq_server *server, uint32_t max_us) {
   return 0;
 }
 
+int lmqServerBusSetLeadSpin(lmq_server *server, uint32_t max_us) {
+  if (!_lmq_bus_server_valid(server) || max_us > LMQ_BUS_LEAD_SPIN_US_MAX) return -EINVAL;
+  __atomic_store_n(&server->lead_spin_us, max_us, __ATOMIC_RELAXED);
+  return 0;
+}
+
+uint32_t lmq_bus_lead_spin_default(void) {
+  cpu_set_t cpus;
+
+  if (sched_getaffinity(0, sizeof(cpus), &cpus) != 0) return 0;
+  return CPU_COUNT(&cpus) > 1 ? LMQ_BUS_LEAD_SPIN_US_DEFAULT : 0u;
+}
+
 void lmq_bus_lead_next(int will_lead) {
   t_lmq_bus_lead_next = will_lead != 0;
 }
@@ -2712,6 +2799,7 @@ int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status) {
   memset(status, 0, sizeof(*status));
   pthread_mutex_lock(&server->mutex);
   status->node = server->node;
+  status->lead_spin_us = __atomic_load_n(&server->lead_spin_us, __ATOMIC_RELAXED);
   bus = server->bus;
   if (bus != NULL) {
     status->role = bus->role;
@@ -2719,6 +2807,9 @@ int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status) {
     for (i = 0; i < bus->conn_count; i++) {
       status->peers += bus->conns[i]->active ? 1u : 0u;
       status->parked += (uint32_t)__atomic_load_n(&bus->conns[i]->parked, __ATOMIC_SEQ_CST);
+      status->lead_spin_hits += __atomic_load_n(&bus->conns[i]->spin_hit_count, __ATOMIC_RELAXED);
+      status->lead_spin_misses +=
+          __atomic_load_n(&bus->conns[i]->spin_miss_count, __ATOMIC_RELAXED);
     }
   }
   pthread_mutex_unlock(&server->mutex);

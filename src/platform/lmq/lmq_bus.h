@@ -78,6 +78,11 @@ int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
 /* lmqClientLeadNext for the calling thread. */
 void lmq_bus_lead_next(int will_lead);
 
+/* A new server's polling time for leaders (lmqServerBusSetLeadSpin):
+ * LMQ_BUS_LEAD_SPIN_US_DEFAULT when the process may run on more than one
+ * processor, else 0. */
+uint32_t lmq_bus_lead_spin_default(void);
+
 /* Closes the bus side of a server, if any: ends the bus thread, drops what
  * is known of other nodes and closes the sockets. Called with the bus
  * mutex held and the server mutex free. Returns 0 or -107 (no bus). */

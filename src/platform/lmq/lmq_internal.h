@@ -106,6 +106,7 @@ struct lmq_server {
   int16_t last_service;   /* last service id given */
   uint32_t service_count;
   uint32_t park_us;       /* atomic: lmqServerBusSetParking */
+  uint32_t lead_spin_us;  /* atomic: lmqServerBusSetLeadSpin */
   _lmq_client_rec *clients[LMQ_BUCKETS];
   _lmq_service *services[LMQ_BUCKETS];
 };
