@@ -1,33 +1,85 @@
 #include "loreg/loreg_msg.h"
 
 #include <assert.h>
+#include <endian.h>
 #include <stddef.h>
 #include <string.h>
 
 #include "common/loreg_debug.h"
 #include "messaging/loreg_msg_check.h"
 
-_Static_assert(sizeof(loreg_Header_t) == 32, "loreg_Header_t is 32 bytes on the wire");
-_Static_assert(offsetof(loreg_Header_t, reserved1) == 28, "loreg_Header_t field layout");
+/* The header's fields: name, offset on the wire, width in bits. The
+ * record lies as on the wire, which the assertions below check, so the
+ * same list makes the conversion table and the converters. */
+#define _LOREG_HEADER_FIELDS(X) \
+  X(msgtype, 0, 16)             \
+  X(reserved0, 2, 16)           \
+  X(reqid, 4, 32)               \
+  X(arg0, 8, 32)                \
+  X(arg1, 12, 32)               \
+  X(tid, 16, 32)                \
+  X(result, 20, 32)             \
+  X(len0, 24, 16)               \
+  X(len1, 26, 16)               \
+  X(reserved1, 28, 32)
 
+_Static_assert(sizeof(loreg_Header_t) == LOREG_HEADER_SIZE, "loreg_Header_t is 32 bytes on the wire");
+#define _LOREG_FIELD_CHECK(name, offset, bits)                      \
+  _Static_assert(offsetof(loreg_Header_t, name) == (offset) &&      \
+                     sizeof(((loreg_Header_t *)0)->name) * 8 == (bits), \
+                 "loreg_Header_t." #name " lies as on the wire");
+_LOREG_HEADER_FIELDS(_LOREG_FIELD_CHECK)
+#undef _LOREG_FIELD_CHECK
+
+#define _LOREG_FIELD_ENTRY(name, offset, bits) {offset, (bits) / 8, 0},
 const __csp_EndianInfoEntry __csp_EndianInfoEntries_loreg_Header_t[11] = {
-    {0, 2, 0},  /* msgtype */
-    {2, 2, 0},  /* reserved0 */
-    {4, 4, 0},  /* reqid */
-    {8, 4, 0},  /* arg0 */
-    {12, 4, 0}, /* arg1 */
-    {16, 4, 0}, /* tid */
-    {20, 4, 0}, /* result */
-    {24, 2, 0}, /* len0 */
-    {26, 2, 0}, /* len1 */
-    {28, 4, 0}, /* reserved1 */
-    {0, 0, CSP_ENDIAN_END},
+    _LOREG_HEADER_FIELDS(_LOREG_FIELD_ENTRY){0, 0, CSP_ENDIAN_END},
 };
+#undef _LOREG_FIELD_ENTRY
 
 const __csp_EndianTable __csp_EndianTable_loreg_Header_t = {
     sizeof(loreg_Header_t),
     __csp_EndianInfoEntries_loreg_Header_t,
 };
+
+static void _loreg_put16(unsigned char *wire, uint16_t value) {
+  value = htobe16(value);
+  memcpy(wire, &value, sizeof(value));
+}
+
+static void _loreg_put32(unsigned char *wire, uint32_t value) {
+  value = htobe32(value);
+  memcpy(wire, &value, sizeof(value));
+}
+
+static uint16_t _loreg_get16(const unsigned char *wire) {
+  uint16_t value;
+  memcpy(&value, wire, sizeof(value));
+  return be16toh(value);
+}
+
+static uint32_t _loreg_get32(const unsigned char *wire) {
+  uint32_t value;
+  memcpy(&value, wire, sizeof(value));
+  return be32toh(value);
+}
+
+/* The header in protocol order and back: the bytes that cspHostToProtocol
+ * and cspProtocolToHost give with __csp_EndianTable_loreg_Header_t, without
+ * walking and checking the table for every message. */
+static void _loreg_header_to_wire(unsigned char *wire, const loreg_Header_t *header) {
+#define _LOREG_FIELD_PUT(name, offset, bits) \
+  _loreg_put##bits(wire + (offset), (uint##bits##_t)header->name);
+  _LOREG_HEADER_FIELDS(_LOREG_FIELD_PUT)
+#undef _LOREG_FIELD_PUT
+}
+
+static void _loreg_header_from_wire(loreg_Header_t *header, const unsigned char *wire) {
+#define _LOREG_FIELD_GET(name, offset, bits) \
+  header->name = _loreg_get##bits(wire + (offset));
+  _LOREG_HEADER_FIELDS(_LOREG_FIELD_GET)
+#undef _LOREG_FIELD_GET
+}
 
 /* The two zero bytes between data0 and data1. They make data0 a terminated
  * text in the receiver's buffer without a copy. */
@@ -111,7 +163,7 @@ static int _loreg_send(_loreg_send_kind kind, const char *caller, lmq_client *cl
   header.len1 = (uint16_t)(header.len1 + prefix_len);
 
   lmqMessageHeaderToProtocol(lmq_wire, &lmq_header);
-  cspHostToProtocol(header_wire, &header, &__csp_EndianTable_loreg_Header_t);
+  _loreg_header_to_wire(header_wire, &header);
 
   switch (kind) {
     case _LOREG_SEND_COMMAND:
@@ -202,7 +254,7 @@ int loreg_msg_check(loreg_msg *msg, void *buffer, uint32_t buffer_size, const lm
     return LOREG_ERR_BAD_LENGTHS;
   }
   rest -= LOREG_HEADER_SIZE + LOREG_GUARD_SIZE;
-  cspProtocolToHost(&msg->header, body, &__csp_EndianTable_loreg_Header_t);
+  _loreg_header_from_wire(&msg->header, body);
 
   areas = (uint32_t)msg->header.len0 + msg->header.len1;
   if (areas > rest) {
