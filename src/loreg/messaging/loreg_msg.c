@@ -23,9 +23,10 @@
   X(len1, 26, 16)               \
   X(reserved1, 28, 32)
 
-_Static_assert(sizeof(loreg_Header_t) == LOREG_HEADER_SIZE, "loreg_Header_t is 32 bytes on the wire");
-#define _LOREG_FIELD_CHECK(name, offset, bits)                      \
-  _Static_assert(offsetof(loreg_Header_t, name) == (offset) &&      \
+_Static_assert(sizeof(loreg_Header_t) == LOREG_HEADER_SIZE,
+               "loreg_Header_t is 32 bytes on the wire");
+#define _LOREG_FIELD_CHECK(name, offset, bits)                          \
+  _Static_assert(offsetof(loreg_Header_t, name) == (offset) &&          \
                      sizeof(((loreg_Header_t *)0)->name) * 8 == (bits), \
                  "loreg_Header_t." #name " lies as on the wire");
 _LOREG_HEADER_FIELDS(_LOREG_FIELD_CHECK)
