@@ -133,13 +133,19 @@ std::string thread_wait_channel(pid_t tid) {
 bool wait_until_sleeping_in(pid_t tid, const std::string &prefix,
                             std::chrono::milliseconds bound) {
   if (thread_wait_channel(current_tid()).empty()) return wait_until_sleeping(tid, bound);
-  return wait_sleeping(
-      [tid, &prefix] {
-        char state = thread_state(tid);
-        if (state != 'S') return state;
-        return thread_wait_channel(tid).compare(0, prefix.size(), prefix) == 0 ? 'S' : '\0';
-      },
-      bound);
+  // The wait channel tells where the thread sleeps, so one sighting is
+  // enough; looking often matters because the sleep it names may be short
+  // (a leader gives up its receive after LORC_LEAD_MS), and a sleep of the
+  // looking thread may last far longer than asked on a busy machine.
+  auto deadline = std::chrono::steady_clock::now() + bound;
+  for (;;) {
+    if (thread_state(tid) == 'S' &&
+        thread_wait_channel(tid).compare(0, prefix.size(), prefix) == 0) {
+      return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
 }
 
 }  // namespace testsupport

@@ -70,10 +70,11 @@ bool wait_until_sleeping(const std::string &name,
 // The kernel function a thread of this process sleeps in, from its
 // "wchan" entry ("0" while it runs); "" if there is no such entry.
 std::string thread_wait_channel(pid_t tid);
-// Waits until the thread is asleep (as above) in a kernel function whose
-// name starts with prefix: in a socket receive, say, and not on a lock on
-// its way there. Where the kernel has no wait channels at all, the same as
-// wait_until_sleeping. False on timeout.
+// Waits until the thread is seen asleep in a kernel function whose name
+// starts with prefix: in a socket receive, say, and not on a lock on its
+// way there. One sighting counts; it looks every 100 us. Where the kernel
+// has no wait channels at all, the same as wait_until_sleeping. False on
+// timeout.
 bool wait_until_sleeping_in(pid_t tid, const std::string &prefix,
                             std::chrono::milliseconds bound = kThreadWaitBound);
 
