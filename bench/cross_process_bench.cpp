@@ -125,7 +125,6 @@ class CrossProcessRegistry {
       rmdir(m_dir.c_str());
     }
   }
-  bool ok() const { return m_ok; }
   lorc_client *client() const { return m_client; }
   // Ready for a benchmark whose first argument is the leaders' polling
   // time; false (and the benchmark skipped) when not.
@@ -215,8 +214,10 @@ bool read_all(int fd, char *data, size_t len) {
 }
 
 // read_all, after polling fd for up to spin_ns nanoseconds for the first
-// bytes.
+// bytes. Without a polling time it is read_all itself, so that the plain
+// ping-pong makes no system call more than it needs.
 bool read_all_polling(int fd, char *data, size_t len, long spin_ns) {
+  if (spin_ns <= 0) return read_all(fd, data, len);
   const auto end = std::chrono::steady_clock::now() + std::chrono::nanoseconds(spin_ns);
   do {
     ssize_t n = recv(fd, data, len, MSG_DONTWAIT);
