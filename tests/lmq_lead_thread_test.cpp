@@ -243,6 +243,77 @@ TEST_F(Lead, StopsWithEagainWhenMailIsAlreadyQueued) {
   EXPECT_TRUE(testsupport::bus_empty(caller()));
 }
 
+// A done test that, from its second call on (after the leader's first
+// read), first waits until the receiver has taken its message: whatever
+// the leader queued for the receiver is then gone from the queue by the
+// time the leader looks at it.
+struct DoneOnceTheReceiverTookIt {
+  Receiver *receiver;
+  std::atomic<int> calls{0};
+  static int done(void *context) {
+    auto *self = static_cast<DoneOnceTheReceiverTookIt *>(context);
+    if (self->calls.fetch_add(1) > 0) (void)self->receiver->done_within(5s);
+    return 0;
+  }
+};
+
+// The leader reads a notification that its idle handler does not take and
+// queues it for the receiver, which takes it at once. The answer might
+// have gone the same way, and nothing would wake the leader in its read:
+// it stops, although the queue is empty again when it looks.
+TEST_F(Lead, StopsWithEagainWhenTheReceiverTookWhatTheLeaderQueued) {
+  int16_t news = shared_id("NEWS");
+  ASSERT_EQ(lmqSubscribeService(caller(), news, 0), 0);
+  BusClient notifier(hub().get());
+  m_bus.settle();
+  Receiver receiver(caller());
+  ASSERT_TRUE(receiver.blocked());
+  DoneOnceTheReceiverTookIt state{&receiver};
+  Host silent(host(), [&](int, const std::string &) {
+    EXPECT_TRUE(testsupport::bus_wait_until([&] { return state.calls.load() >= 1; }, 5000));
+    EXPECT_EQ(bus_notify(notifier.get(), news, "for the receiver"), 0);
+    return false;
+  });
+
+  ASSERT_EQ(lmqClientLeadNext(caller(), 1), 0);
+  ASSERT_EQ(bus_command(caller(), m_id, "question"), 0);
+  Clock::time_point start = Clock::now();
+  EXPECT_EQ(lmqClientLeadBus(caller(), 5000, DoneOnceTheReceiverTookIt::done, &state), -11);
+  EXPECT_LT(ms_since(start), 2000) << "well before its time";
+  EXPECT_GE(state.calls.load(), 2);
+  EXPECT_EQ(receiver.take(), "for the receiver");
+}
+
+// The same when the message came and was taken after the announced send
+// but before the lead began.
+TEST_F(Lead, StopsWithEagainWhenMailCameAndWentBetweenTheSendAndTheLead) {
+  int16_t news = shared_id("NEWS");
+  ASSERT_EQ(lmqSubscribeService(caller(), news, 0), 0);
+  BusClient notifier(hub().get());
+  m_bus.settle();
+  Receiver receiver(caller());
+  ASSERT_TRUE(receiver.blocked());
+  Host silent(host(), [&](int index, const std::string &) {
+    if (index == 0) {
+      EXPECT_EQ(bus_notify(notifier.get(), news, "before the lead"), 0);
+    }
+    return false;
+  });
+
+  ASSERT_EQ(lmqClientLeadNext(caller(), 1), 0);
+  ASSERT_EQ(bus_command(caller(), m_id, "question"), 0);
+  ASSERT_TRUE(receiver.done_within(5s));
+  EXPECT_EQ(receiver.take(), "before the lead");
+  Clock::time_point start = Clock::now();
+  EXPECT_EQ(lmqClientLeadBus(caller(), 5000, never_done, nullptr), -11);
+  EXPECT_LT(ms_since(start), 2000) << "well before its time";
+
+  // Without the announcement, what was kept before the call does not
+  // count: the next lead waits for its answer (none comes) until its time.
+  ASSERT_EQ(bus_command(caller(), m_id, "again"), 0);
+  EXPECT_EQ(lmqClientLeadBus(caller(), 50, never_done, nullptr), -110);
+}
+
 // One thread leads at a time: a second caller, on another client of the
 // same peer, is refused while the first one waits for a slow host.
 TEST_F(Lead, ASecondLeaderIsRefusedWithEbusy) {

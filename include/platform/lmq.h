@@ -327,7 +327,9 @@ CSP_EXPORT int lmqServerBusStatus(lmq_server *server, lmq_bus_status *status);
  * timeout_ms milliseconds (the caller then waits its usual way); -11
  * when the client has sent nothing, or its last send did not go to other
  * nodes only, when something was queued for the client's receiver (the
- * answer may come that way), or when the connection cannot be handed
+ * answer may come that way) since the send was announced
+ * (lmqClientLeadNext) or, unannounced, since the call began, even if the
+ * receiver has taken it already, or when the connection cannot be handed
  * over right now (output waits to be written); -16 when another thread
  * leads, or this thread is reading the bus already (an idle handler);
  * -107 when the server is not a peer connected to a hub, is closing its

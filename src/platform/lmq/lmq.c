@@ -345,6 +345,11 @@ static void _lmq_offer_hold_nolock(lmq_offer *offer, _lmq_client_rec *target,
   target->offering = 1;
 }
 
+/* One more message stays in the queue for the receiver to take. */
+static void _lmq_kept_nolock(_lmq_client_rec *target) {
+  __atomic_store_n(&target->kept, target->kept + 1u, __ATOMIC_RELAXED);
+}
+
 /*
  * Queues one message of size bytes for target and wakes its receiver if
  * it waits. The condition is signalled after the target's mutex is
@@ -366,6 +371,8 @@ int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iov
   if (wake && offer != NULL && _lmq_offerable_nolock(target, reply, size, offer)) {
     _lmq_offer_hold_nolock(offer, target, reply, vector, count, size);
     wake = 0;
+  } else if (rc == 0) {
+    _lmq_kept_nolock(target);
   }
   if (wake && signal_locked) pthread_cond_signal(&target->cond);
   pthread_mutex_unlock(&target->mutex);
@@ -390,7 +397,11 @@ void lmq_offer_run(lmq_offer *offer) {
   answer = offer->handler(offer->context, offer->bytes, offer->size,
                           (uint32_t)sizeof(offer->bytes), &offer->from);
   pthread_mutex_lock(&target->mutex);
-  if (answer == 1 || answer == 2) lmq_queue_drop(&target->queue, offer->size);
+  if (answer == 1 || answer == 2) {
+    lmq_queue_drop(&target->queue, offer->size);
+  } else {
+    _lmq_kept_nolock(target);
+  }
   if (answer == 2) target->kick = 1;
   target->offering = 0;
   if (target->offer_waiters > 0 ||
@@ -969,23 +980,38 @@ static void _lmq_wait_until(struct timespec *until, const _cspOsalTime_struct *r
   }
 }
 
-int lmq_client_has_mail(_lmq_client_rec *rec) {
+int lmq_client_has_mail(_lmq_client_rec *rec, uint32_t kept) {
   int mail;
 
   pthread_mutex_lock(&rec->mutex);
-  mail = rec->queue.entries > 0;
+  mail = rec->queue.entries > 0 || rec->kept != kept;
   pthread_mutex_unlock(&rec->mutex);
   return mail;
 }
+
+uint32_t lmq_client_kept(_lmq_client_rec *rec) {
+  return __atomic_load_n(&rec->kept, __ATOMIC_RELAXED);
+}
+
+/* What the client's receiver had been given (lmq_client_kept) when this
+ * thread announced its lead through that client (lmqClientLeadNext),
+ * before its send: whatever is kept for the receiver from then on may be
+ * the answer, or may have been read along with it, and the leader must
+ * not wait for it in the socket, even once the receiver has taken it. */
+static __thread const _lmq_client_rec *t_lmq_lead_rec;
+static __thread uint32_t t_lmq_lead_kept;
 
 int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lead_done_fn done,
                      void *context) {
   _lmq_client_rec *rec = _lmq_rec(client);
   lmq_server *server;
   uint32_t remote;
+  uint32_t kept;
 
   if (rec == NULL || done == NULL) return -EINVAL;
   lmq_bus_lead_next(0);
+  kept = t_lmq_lead_rec == rec ? t_lmq_lead_kept : lmq_client_kept(rec);
+  t_lmq_lead_rec = NULL;
   server = _lmq_attached_server(rec);
   if (server == NULL) return -ENOENT;
   /* 0: nothing sent yet (a send numbered 0, once in 2^32, does not lead).
@@ -997,12 +1023,16 @@ int lmqClientLeadBus(lmq_client *client, uint32_t timeout_ms, lmq_lead_done_fn d
     lmq_bus_lead_declined(server);
     return -EAGAIN;
   }
-  return lmq_bus_lead(server, rec, timeout_ms, done, context);
+  return lmq_bus_lead(server, rec, kept, timeout_ms, done, context);
 }
 
 int lmqClientLeadNext(lmq_client *client, int will_lead) {
-  if (_lmq_rec(client) == NULL) return -EINVAL;
+  _lmq_client_rec *rec = _lmq_rec(client);
+
+  if (rec == NULL) return -EINVAL;
   lmq_bus_lead_next(will_lead);
+  t_lmq_lead_rec = will_lead ? rec : NULL;
+  if (will_lead) t_lmq_lead_kept = lmq_client_kept(rec);
   return 0;
 }
 

@@ -2674,7 +2674,8 @@ static ssize_t _lmq_bus_lead_read(lmq_bus *bus, _lmq_bus_conn *conn,
  * the client's receiver, or the connection's end. While it leads, the
  * input side is this thread's alone. */
 static int _lmq_bus_lead_loop(lmq_bus *bus, _lmq_bus_conn *conn, _lmq_client_rec *rec,
-                              uint32_t timeout_ms, lmq_lead_done_fn done, void *context) {
+                              uint32_t kept, uint32_t timeout_ms, lmq_lead_done_fn done,
+                              void *context) {
   struct timespec deadline;
   _cspOsalTime_struct timeout;
   lmq_offer offer;
@@ -2689,7 +2690,7 @@ static int _lmq_bus_lead_loop(lmq_bus *bus, _lmq_bus_conn *conn, _lmq_client_rec
     ssize_t n;
 
     if (done(context)) return 0;
-    if (lmq_client_has_mail(rec)) return -EAGAIN;
+    if (lmq_client_has_mail(rec, kept)) return -EAGAIN;
     if (_lmq_bus_conn_is_dead(conn, NULL)) return -ENOTCONN;
     if (ms == 0) return -ETIMEDOUT;
     n = _lmq_bus_lead_read(bus, conn, &deadline, &ms);
@@ -2719,7 +2720,7 @@ static void _lmq_bus_leader_leave(lmq_bus *bus) {
   if (wake) _lmq_bus_wake(bus);
 }
 
-int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
+int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t kept, uint32_t timeout_ms,
                  lmq_lead_done_fn done, void *context) {
   _lmq_bus_conn *conn;
   lmq_bus *bus;
@@ -2744,7 +2745,7 @@ int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
 
   rc = _lmq_bus_lead_take(bus, conn);
   if (rc == 0) {
-    rc = _lmq_bus_lead_loop(bus, conn, rec, timeout_ms, done, context);
+    rc = _lmq_bus_lead_loop(bus, conn, rec, kept, timeout_ms, done, context);
     _lmq_bus_lead_give(bus, conn, rc == 0);
   }
   _lmq_bus_leader_leave(bus);

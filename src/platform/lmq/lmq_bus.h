@@ -71,8 +71,9 @@ int lmq_bus_register(lmq_server *server, const char *name, size_t len, int16_t *
 void lmq_bus_lead_declined(lmq_server *server);
 
 /* lmqClientLeadBus for a client of server whose last send went to other
- * nodes only. No lmq mutex held. */
-int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t timeout_ms,
+ * nodes only; kept is what its receiver had been given before that send
+ * (lmq_client_kept). No lmq mutex held. */
+int lmq_bus_lead(lmq_server *server, _lmq_client_rec *rec, uint32_t kept, uint32_t timeout_ms,
                  lmq_lead_done_fn done, void *context);
 
 /* lmqClientLeadNext for the calling thread. */

@@ -76,6 +76,9 @@ struct _lmq_client_rec {
   uint32_t remote_sequence; /* sequence of the last send that went to other
                                nodes only (atomic) */
   uint32_t received;      /* messages taken; receiving thread only */
+  uint32_t kept;          /* messages left in the queue for the receiver
+                             (not taken by the idle handler); changed under
+                             the client mutex, read atomically */
   uint32_t waiting;       /* receiver blocked on cond; client mutex */
   uint32_t wakeups;       /* uptime clock moves seen; client mutex */
   uint32_t offering;      /* the head of the queue is offered to the idle
@@ -138,9 +141,12 @@ int lmq_deliver(_lmq_client_rec *target, const lmq_address *reply, const lmq_iov
  * lets the receiver go on; does nothing when nothing was offered. */
 void lmq_offer_run(lmq_offer *offer);
 
-/* True when the client's receiver has a message to take or one is being
- * offered to its idle handler. */
-int lmq_client_has_mail(_lmq_client_rec *rec);
+/* True when the client's receiver has a message to take, one is being
+ * offered to its idle handler, or messages were kept for it since it had
+ * kept the count given (lmq_client_kept), even if it took them already. */
+int lmq_client_has_mail(_lmq_client_rec *rec, uint32_t kept);
+/* How many messages were ever kept for the client's receiver. */
+uint32_t lmq_client_kept(_lmq_client_rec *rec);
 
 /* Queues a system message of type for target about the client peer_client
  * of node peer_node; a queue without room drops and logs it. */
