@@ -46,6 +46,9 @@ constexpr uint32_t kParkForTheTest = 30000000u;  // 30 s
 // asleep anywhere else (on a lock on its way to the lead) does not lead
 // yet, and a reply that came then would be the bus thread's.
 const std::string kLeaderWaitChannel = "unix_stream";
+// A caller's lead while the fed server holds its requests: far beyond
+// what any round needs, since the lead ends as soon as the reply is in.
+constexpr uint32_t kHeldLeadMs = 10000;
 
 // The detail line the client logs for a key update.
 std::string update_line(const char *reason, uint32_t flags, const std::string &path) {
@@ -62,6 +65,13 @@ std::vector<LogLine> lines_equal(const LogCapture &log, const std::string &text)
     if (l.text == text) out.push_back(l);
   }
   return out;
+}
+
+// A line printed by the client's own threads, not by a caller: the bus
+// thread offers what it reads to the client before "lorcmain" takes it.
+bool handled_by_the_client(pid_t tid) {
+  std::string name = testsupport::thread_name(tid);
+  return tid != testsupport::current_tid() && (name == "lorcmain" || name == "lmqbus");
 }
 
 // The log with the name and id of the printing thread on each line, for
@@ -158,7 +168,10 @@ struct Subscriber {
 // itself, the fed server can hold each request back until a given thread
 // sleeps: the caller then waits for the reply in its read of the bus (or,
 // if it did not lead, in its ordinary wait, which the assertions on the
-// printing thread then catch).
+// printing thread then catch). Meanwhile the caller leads for kHeldLeadMs
+// instead of LORC_LEAD_MS: on a slow or stalled machine a 20 ms lead can
+// end before the gate has seen it, and the reply would then reach
+// "lorcmain" for a reason that has nothing to do with the code under test.
 class LeadAcrossBus : public ::testing::Test {
  protected:
   enum class Mode { Threaded, Fed };
@@ -238,6 +251,9 @@ class LeadAcrossBus : public ::testing::Test {
                                                             std::chrono::seconds(2))) {
         m_gate_missed++;
       }
+      if (gate != 0 && m_gate_delay_ms.load() > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(m_gate_delay_ms.load()));
+      }
       loreg_msg msg{};
       if (loreg_validate_msg(&msg, buffer.data(), static_cast<uint32_t>(buffer.size()), &info) !=
           0) {
@@ -248,9 +264,18 @@ class LeadAcrossBus : public ::testing::Test {
   }
 
   // Requests reach the fed server only while the calling thread sleeps in
-  // its receive on the bus.
-  void hold_requests_for_me() { m_gate = testsupport::current_tid(); }
-  void release_requests() { m_gate = 0; }
+  // its receive on the bus (and delay_ms later), and the caller's lead is
+  // long enough for that.
+  void hold_requests_for_me(int delay_ms = 0) {
+    ASSERT_EQ(lorc_client_set_lead(m_client, kHeldLeadMs), 0);
+    m_gate_delay_ms = delay_ms;
+    m_gate = testsupport::current_tid();
+  }
+  void release_requests() {
+    m_gate = 0;
+    m_gate_delay_ms = 0;
+    ASSERT_EQ(lorc_client_set_lead(m_client, LORC_LEAD_MS), 0);
+  }
 
   int start_client() {
     lorc_init_params params{};
@@ -310,6 +335,7 @@ class LeadAcrossBus : public ::testing::Test {
   std::atomic<bool> m_stop{false};
   std::atomic<pid_t> m_gate{0};
   std::atomic<int> m_gate_missed{0};
+  std::atomic<int> m_gate_delay_ms{0};
   lors_ctx *m_server = nullptr;
   lorc_client *m_client = nullptr;
 };
@@ -683,6 +709,85 @@ TEST_F(LeadAcrossBus, CallsThatDoNotLeadAreAnsweredWhileParked) {
 
   ASSERT_TRUE(parked_after_sync_calls());
   EXPECT_EQ(query_value(m_client, path), "sync2");
+}
+
+// The lead can be set per client: bad values are refused and logged, and
+// what was set is what the next call uses.
+TEST_F(LeadAcrossBus, SetLeadRefusesBadValues) {
+  ASSERT_EQ(start_client(), 0);
+  EXPECT_EQ(lorc_client_lead_ms(m_client), LORC_LEAD_MS);
+  LogCapture log;
+  EXPECT_EQ(lorc_client_set_lead(nullptr, 5), -14);
+  EXPECT_TRUE(log.has_line("lorc_client_set_lead(): client not yet initialized.\n"))
+      << dump_with_threads(log);
+  EXPECT_EQ(lorc_client_set_lead(m_client, LORC_LEAD_MS_MAX + 1), -22);
+  EXPECT_TRUE(log.has_line("lorc_client_set_lead(): lead of " +
+                           std::to_string(LORC_LEAD_MS_MAX + 1) + " ms is over " +
+                           std::to_string(LORC_LEAD_MS_MAX) + " ms\n"))
+      << dump_with_threads(log);
+  EXPECT_EQ(lorc_client_lead_ms(m_client), LORC_LEAD_MS) << "unchanged by a refusal";
+  EXPECT_EQ(lorc_client_set_lead(m_client, LORC_LEAD_MS_MAX), 0);
+  EXPECT_EQ(lorc_client_lead_ms(m_client), LORC_LEAD_MS_MAX);
+  EXPECT_EQ(lorc_client_set_lead(m_client, 0), 0);
+  EXPECT_EQ(lorc_client_lead_ms(m_client), 0u);
+}
+
+// A lead longer than the server takes to answer: the caller still reads
+// the reply itself, although it came long after LORC_LEAD_MS.
+TEST_F(LeadAcrossBus, ALongerLeadOutlastsASlowServer) {
+  start_both(Mode::Fed);
+  ASSERT_EQ(set_value(m_client, "/com/norvi/slow", "v"), 0);
+  idle();
+
+  LogCapture log;
+  constexpr int kServerDelayMs = 100;
+  hold_requests_for_me(kServerDelayMs);
+  auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(query_value(m_client, "/com/norvi/slow"), "v");
+  auto took = std::chrono::steady_clock::now() - begin;
+  release_requests();
+  EXPECT_EQ(m_gate_missed.load(), 0);
+  EXPECT_GE(took, std::chrono::milliseconds(kServerDelayMs));
+  int job = sync_job(log, "lorc_value_query");
+  ASSERT_GT(job, 0) << dump_with_threads(log);
+  std::vector<LogLine> replies =
+      lines_equal(log, "lorc_onReply(job=" + std::to_string(job) + ")\n");
+  ASSERT_EQ(replies.size(), 1u) << dump_with_threads(log);
+  EXPECT_EQ(replies[0].tid, testsupport::current_tid()) << dump_with_threads(log);
+}
+
+// With no lead, the caller reads nothing: every reply and key update is
+// handled by the bus thread or "lorcmain", at once (the connection that
+// an earlier lead parked is taken back).
+TEST_F(LeadAcrossBus, WithoutALeadRepliesAreHandledByOtherThreads) {
+  start_both(Mode::Fed);
+  ASSERT_EQ(set_value(m_client, "/com/norvi/nolead", "start"), 0);
+  idle();
+  ASSERT_EQ(lorc_client_set_lead(m_client, 0), 0);
+
+  for (int round = 0; round < 10; round++) {
+    LogCapture log;
+    const std::string value = "v" + std::to_string(round);
+    auto begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(set_value(m_client, "/com/norvi/nolead", value), 0) << "round " << round;
+    EXPECT_EQ(query_value(m_client, "/com/norvi/nolead"), value) << "round " << round;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5))
+        << "round " << round << ": a reply waited for the parking time";
+    std::vector<LogLine> updates =
+        lines_equal(log, update_line("key change", 0x04, "/com/norvi/nolead"));
+    ASSERT_EQ(updates.size(), 1u) << "round " << round << "\n" << dump_with_threads(log);
+    EXPECT_TRUE(handled_by_the_client(updates[0].tid))
+        << "round " << round << "\n" << dump_with_threads(log);
+    for (const char *call : {"lorc_value_set", "lorc_value_query"}) {
+      int job = sync_job(log, call);
+      ASSERT_GT(job, 0) << call << "\n" << dump_with_threads(log);
+      std::vector<LogLine> replies =
+          lines_equal(log, "lorc_onReply(job=" + std::to_string(job) + ")\n");
+      ASSERT_EQ(replies.size(), 1u) << call << "\n" << dump_with_threads(log);
+      EXPECT_TRUE(handled_by_the_client(replies[0].tid))
+          << call << " round " << round << "\n" << dump_with_threads(log);
+    }
+  }
 }
 
 // 9. Client and server on one message server: no bus to read, the calls

@@ -100,6 +100,7 @@ struct lorc_client {
   struct lorc_wait_list waits;   /* calls blocked waiting for a job */
   int32_t draining;              /* set once shutdown has woken the waits */
   pthread_cond_t drained;        /* signalled when the last call leaves */
+  uint32_t leadMs;               /* lorc_client_set_lead; read atomically */
 };
 
 /* The job cookie of every client job. A compound job uses the words after
@@ -192,13 +193,25 @@ LOREG_EXPORT int lorc_client_wait(lorc_client *client, int32_t jobId, int32_t *r
                                   int32_t timeOut);
 /* Called by a synchronous call right after it sent the request of a simple
  * job, before it waits: if the request went to a server in another
- * process, the calling thread reads the bus itself for a short while
- * (LORC_LEAD_MS), so that the reply wakes it directly; it returns 1 when
- * the job is done (the caller need not wait), 0 when the reply may come
- * another way and the caller waits as usual; so a call that expires lasts
- * at most LORC_LEAD_MS longer than its timeOut. Normal mode only. */
+ * process, the calling thread reads the bus itself for up to ms (what
+ * lorc_client_lead_ms gave before the send), so that the reply wakes it
+ * directly; it returns 1 when the job is done (the caller need not wait),
+ * 0 when the reply may come another way and the caller waits as usual;
+ * so a call that expires lasts at most the lead longer than its timeOut.
+ * Normal mode only. */
+LOREG_EXPORT int lorc_client_lead(lorc_client *client, int32_t jobId, uint32_t ms);
+/* How long the next synchronous call leads: LORC_LEAD_MS unless
+ * lorc_client_set_lead said otherwise; 0 in the external mode. */
 #define LORC_LEAD_MS 20u
-LOREG_EXPORT int lorc_client_lead(lorc_client *client, int32_t jobId);
+LOREG_EXPORT uint32_t lorc_client_lead_ms(const lorc_client *client);
+/* Sets how long the synchronous calls of a client lead (lorc_client_lead),
+ * in ms, from their next call on: 0 means they never lead and always wait
+ * for "lorcmain" to complete their job. A longer lead suits a machine that
+ * is often too slow to answer within LORC_LEAD_MS, and a test that holds
+ * a request until it sees the caller leading. Returns 0, -14 for a null
+ * or uninitialised client, -22 above LORC_LEAD_MS_MAX. */
+#define LORC_LEAD_MS_MAX 60000u
+LOREG_EXPORT int lorc_client_set_lead(lorc_client *client, uint32_t ms);
 /* Says, right before a synchronous call sends the request of a simple
  * job (will_lead 1), that lorc_client_lead follows the send, or takes
  * that back when the request could not be started (0): the bus may then

@@ -135,7 +135,7 @@ bool wait_until_sleeping_in(pid_t tid, const std::string &prefix,
   if (thread_wait_channel(current_tid()).empty()) return wait_until_sleeping(tid, bound);
   // The wait channel tells where the thread sleeps, so one sighting is
   // enough; looking often matters because the sleep it names may be short
-  // (a leader gives up its receive after LORC_LEAD_MS), and a sleep of the
+  // (a leader gives up its receive when its lead ends), and a sleep of the
   // looking thread may last far longer than asked on a busy machine.
   auto deadline = std::chrono::steady_clock::now() + bound;
   for (;;) {

@@ -76,7 +76,7 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
   int32_t jobId;
   apij_job_ref ref;
   int waitRc;
-  int lead;
+  uint32_t leadMs;
   int rc;
   int value;
 
@@ -100,11 +100,13 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
 
   /* A synchronous simple request is answered in this thread if it can
    * (lorc_client_lead); the bus hears of it before the request goes. */
-  lead = timeOut >= 1 && (lorc_request_type(request) & LORC_REQ_KIND_MASK) == LORC_REQ_SIMPLE;
-  if (lead) lorc_client_lead_next(client, 1);
+  leadMs = timeOut >= 1 && (lorc_request_type(request) & LORC_REQ_KIND_MASK) == LORC_REQ_SIMPLE
+               ? lorc_client_lead_ms(client)
+               : 0;
+  if (leadMs != 0) lorc_client_lead_next(client, 1);
   rc = _lorc_request_start(client, request, path, jobId, callerName);
   if (rc != 0) {
-    if (lead) lorc_client_lead_next(client, 0);
+    if (leadMs != 0) lorc_client_lead_next(client, 0);
     apij_JobDestroy(client->jobs, jobId);
     return rc;
   }
@@ -115,8 +117,9 @@ int lorc_api_job_process(lorc_client *client, lorc_request *request, const char 
 
   LORC_API_LOG(LOREG_LVL_TRACE, "%s(): sync job=%d\n", callerName, (int)jobId);
   /* A job the lead saw done needs no wait: its result stays in the job. */
-  waitRc = lead && lorc_client_lead(client, jobId) ? 0
-                                                   : lorc_client_wait(client, jobId, NULL, timeOut);
+  waitRc = leadMs != 0 && lorc_client_lead(client, jobId, leadMs)
+               ? 0
+               : lorc_client_wait(client, jobId, NULL, timeOut);
   rc = apij_JobRefGet(client->jobs, jobId, &ref);
   if (rc <= 0) {
     LORC_API_LOG(LOREG_LVL_FAIL, "%s(sync job=%d): failed re-obtaining job reference. (code=%d)\n",

@@ -136,19 +136,36 @@ static int _lorc_lead_job_done(void *context) {
   return probe->state != 0;
 }
 
-int lorc_client_lead(lorc_client *client, int32_t jobId) {
-  lorc_lead_probe probe;
-
+uint32_t lorc_client_lead_ms(const lorc_client *client) {
   /* In the external mode the owner's loop completes every job. */
   if (client->lmq.queue == NULL) return 0;
+  return __atomic_load_n(&client->leadMs, __ATOMIC_RELAXED);
+}
+
+int lorc_client_lead(lorc_client *client, int32_t jobId, uint32_t ms) {
+  lorc_lead_probe probe;
+
+  if (ms == 0 || client->lmq.queue == NULL) return 0;
   probe.jobs = client->jobs;
   probe.jobId = jobId;
   probe.state = 0;
   /* Any answer but done leaves the job to the wait, as without leading. */
-  if (lmqClientLeadBus(client->lmq.client, LORC_LEAD_MS, _lorc_lead_job_done, &probe) != 0) {
-    return 0;
-  }
+  if (lmqClientLeadBus(client->lmq.client, ms, _lorc_lead_job_done, &probe) != 0) return 0;
   return probe.state == 1;
+}
+
+int lorc_client_set_lead(lorc_client *client, uint32_t ms) {
+  if (!lorc_client_valid(client)) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): client not yet initialized.\n", __func__);
+    return -EFAULT;
+  }
+  if (ms > LORC_LEAD_MS_MAX) {
+    LORC_API_LOG(LOREG_LVL_FAIL, "%s(): lead of %u ms is over %u ms\n", __func__, (unsigned)ms,
+                 (unsigned)LORC_LEAD_MS_MAX);
+    return -EINVAL;
+  }
+  __atomic_store_n(&client->leadMs, ms, __ATOMIC_RELAXED);
+  return 0;
 }
 
 void lorc_client_lead_next(lorc_client *client, int will_lead) {
@@ -257,6 +274,7 @@ int lorc_init(lorc_client **handleOut, const lorc_init_params *params) {
   client->lmqServer = params->lmqServer;
   client->lmqClient = params->lmqClient;
   client->rcvQueueKBytes = params->rcvQueueKBytes;
+  client->leadMs = LORC_LEAD_MS;
 
   if (params->hooks != NULL) {
     client->hooks = loreg_malloc(client->allocator, sizeof(*client->hooks));
