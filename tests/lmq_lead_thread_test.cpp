@@ -40,6 +40,22 @@ using namespace testsupport::lead;
 
 class Lead : public LeadFixture {};
 
+// Tests where the caller subscribes to "NEWS", which a client of the hub
+// sends out (notify).
+class LeadWithNews : public LeadFixture {
+ protected:
+  void SetUp() override {
+    LeadFixture::SetUp();
+    m_news = shared_id("NEWS");
+    ASSERT_EQ(lmqSubscribeService(caller(), m_news, 0), 0);
+    m_bus.settle();
+  }
+  int notify(const std::string &text) { return bus_notify(m_notifier.get(), m_news, text); }
+
+  BusClient m_notifier{hub().get()};
+  int16_t m_news = 0;
+};
+
 TEST_F(Lead, TheReplyIsHandledInTheLeadingThread) {
   Caller state(caller());
   ASSERT_EQ(state.install(), 0);
@@ -174,11 +190,7 @@ TEST_F(Lead, RefusedForClientsNotAttachedAndInvalidArguments) {
 // Nobody answers: the leader gives up after its time, and the bus thread
 // reads the connection again, so what comes later still reaches the
 // caller's receiver.
-TEST_F(Lead, TimesOutAndTheBusThreadReadsAgainAfterwards) {
-  int16_t news = shared_id("NEWS");
-  ASSERT_EQ(lmqSubscribeService(caller(), news, 0), 0);
-  BusClient notifier(hub().get());
-  m_bus.settle();
+TEST_F(LeadWithNews, TimesOutAndTheBusThreadReadsAgainAfterwards) {
   Caller state(caller());
   Receiver receiver(caller());
   ASSERT_TRUE(receiver.blocked());
@@ -201,7 +213,7 @@ TEST_F(Lead, TimesOutAndTheBusThreadReadsAgainAfterwards) {
   EXPECT_EQ(receiver.take(), "late");
   EXPECT_EQ(receiver.info().reply.kind, LMQ_KIND_REPLY);
 
-  ASSERT_EQ(bus_notify(notifier.get(), news, "bulletin"), 0);
+  ASSERT_EQ(notify("bulletin"), 0);
   BusReceived notification = bus_receive(caller());
   EXPECT_EQ(notification.data, "bulletin");
   EXPECT_EQ(notification.info.reply.kind, LMQ_KIND_NOTIFY);
@@ -226,12 +238,8 @@ TEST_F(Lead, StopsWithEagainWhenTheReplyIsQueuedForTheReceiver) {
   EXPECT_TRUE(testsupport::bus_empty(caller()));
 }
 
-TEST_F(Lead, StopsWithEagainWhenMailIsAlreadyQueued) {
-  int16_t news = shared_id("NEWS");
-  ASSERT_EQ(lmqSubscribeService(caller(), news, 0), 0);
-  BusClient notifier(hub().get());
-  m_bus.settle();
-  ASSERT_EQ(bus_notify(notifier.get(), news, "waiting"), 0);
+TEST_F(LeadWithNews, StopsWithEagainWhenMailIsAlreadyQueued) {
+  ASSERT_EQ(notify("waiting"), 0);
   m_bus.settle();
 
   Caller state(caller());
@@ -261,17 +269,13 @@ struct DoneOnceTheReceiverTookIt {
 // queues it for the receiver, which takes it at once. The answer might
 // have gone the same way, and nothing would wake the leader in its read:
 // it stops, although the queue is empty again when it looks.
-TEST_F(Lead, StopsWithEagainWhenTheReceiverTookWhatTheLeaderQueued) {
-  int16_t news = shared_id("NEWS");
-  ASSERT_EQ(lmqSubscribeService(caller(), news, 0), 0);
-  BusClient notifier(hub().get());
-  m_bus.settle();
+TEST_F(LeadWithNews, StopsWithEagainWhenTheReceiverTookWhatTheLeaderQueued) {
   Receiver receiver(caller());
   ASSERT_TRUE(receiver.blocked());
   DoneOnceTheReceiverTookIt state{&receiver};
   Host silent(host(), [&](int, const std::string &) {
     EXPECT_TRUE(testsupport::bus_wait_until([&] { return state.calls.load() >= 1; }, 5000));
-    EXPECT_EQ(bus_notify(notifier.get(), news, "for the receiver"), 0);
+    EXPECT_EQ(notify("for the receiver"), 0);
     return false;
   });
 
@@ -286,16 +290,12 @@ TEST_F(Lead, StopsWithEagainWhenTheReceiverTookWhatTheLeaderQueued) {
 
 // The same when the message came and was taken after the announced send
 // but before the lead began.
-TEST_F(Lead, StopsWithEagainWhenMailCameAndWentBetweenTheSendAndTheLead) {
-  int16_t news = shared_id("NEWS");
-  ASSERT_EQ(lmqSubscribeService(caller(), news, 0), 0);
-  BusClient notifier(hub().get());
-  m_bus.settle();
+TEST_F(LeadWithNews, StopsWithEagainWhenMailCameAndWentBetweenTheSendAndTheLead) {
   Receiver receiver(caller());
   ASSERT_TRUE(receiver.blocked());
   Host silent(host(), [&](int index, const std::string &) {
     if (index == 0) {
-      EXPECT_EQ(bus_notify(notifier.get(), news, "before the lead"), 0);
+      EXPECT_EQ(notify("before the lead"), 0);
     }
     return false;
   });
@@ -421,18 +421,14 @@ TEST_F(Lead, OtherClientsGetTheirMessagesWhileAThreadLeads) {
 
 // A notification for the caller that comes before the reply is offered
 // in the leading thread as well.
-TEST_F(Lead, NotificationsForTheCallerAreOfferedInTheLeadingThreadToo) {
-  int16_t news = shared_id("NEWS");
-  ASSERT_EQ(lmqSubscribeService(caller(), news, 0), 0);
-  BusClient notifier(hub().get());
-  m_bus.settle();
+TEST_F(LeadWithNews, NotificationsForTheCallerAreOfferedInTheLeadingThreadToo) {
   Caller state(caller());
   ASSERT_EQ(state.install(LMQ_IDLE_REPLIES | LMQ_IDLE_NOTIFICATIONS), 0);
   Receiver receiver(caller());
   ASSERT_TRUE(receiver.blocked());
   Host answering(host(), [&](int, const std::string &) {
     if (!state.wait_leading()) return false;
-    EXPECT_EQ(bus_notify(notifier.get(), news, "first the news"), 0);
+    EXPECT_EQ(notify("first the news"), 0);
     return true;
   });
 

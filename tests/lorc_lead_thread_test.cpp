@@ -97,6 +97,17 @@ int sync_job(const LogCapture &log, const std::string &caller) {
   return -1;
 }
 
+// The thread that handled the reply of the calling thread's synchronous
+// call `caller` (its "lorc_onReply" line); 0 unless the call and that
+// line are both in the log exactly once.
+pid_t reply_thread(const LogCapture &log, const std::string &caller) {
+  int job = sync_job(log, caller);
+  if (job <= 0) return 0;
+  std::vector<LogLine> replies =
+      lines_equal(log, "lorc_onReply(job=" + std::to_string(job) + ")\n");
+  return replies.size() == 1 ? replies[0].tid : 0;
+}
+
 int set_value(lorc_client *client, const std::string &path, const std::string &value) {
   return lorc_value_set(client, 0, path.c_str(), value.data(),
                         static_cast<uint32_t>(value.size()), kPlain, 5);
@@ -360,10 +371,8 @@ TEST_F(LeadAcrossBus, SynchronousQueryCompletesInTheCallingThread) {
   // The request went straight to the server that announced the root.
   EXPECT_TRUE(log.has_line("lorc_value_query(job=" + std::to_string(job) + "): send as reply\n"))
       << dump_with_threads(log);
-  std::vector<LogLine> replies =
-      lines_equal(log, "lorc_onReply(job=" + std::to_string(job) + ")\n");
-  ASSERT_EQ(replies.size(), 1u) << dump_with_threads(log);
-  EXPECT_EQ(replies[0].tid, testsupport::current_tid()) << dump_with_threads(log);
+  EXPECT_EQ(reply_thread(log, "lorc_value_query"), testsupport::current_tid())
+      << dump_with_threads(log);
 }
 
 // 2. With no subscriber, the set's key update and its reply are both
@@ -382,12 +391,8 @@ TEST_F(LeadAcrossBus, SynchronousSetWithoutSubscribersIsTakenInline) {
       lines_equal(log, update_line("key change", 0x04, "/com/norvi/s2"));
   ASSERT_EQ(updates.size(), 1u) << dump_with_threads(log);
   EXPECT_EQ(updates[0].tid, testsupport::current_tid()) << dump_with_threads(log);
-  int job = sync_job(log, "lorc_value_set");
-  ASSERT_GT(job, 0) << dump_with_threads(log);
-  std::vector<LogLine> replies =
-      lines_equal(log, "lorc_onReply(job=" + std::to_string(job) + ")\n");
-  ASSERT_EQ(replies.size(), 1u) << dump_with_threads(log);
-  EXPECT_EQ(replies[0].tid, testsupport::current_tid()) << dump_with_threads(log);
+  EXPECT_EQ(reply_thread(log, "lorc_value_set"), testsupport::current_tid())
+      << dump_with_threads(log);
 
   EXPECT_EQ(query_value(m_client, "/com/norvi/s2"), "new");
 }
@@ -748,12 +753,8 @@ TEST_F(LeadAcrossBus, ALongerLeadOutlastsASlowServer) {
   release_requests();
   EXPECT_EQ(m_gate_missed.load(), 0);
   EXPECT_GE(took, std::chrono::milliseconds(kServerDelayMs));
-  int job = sync_job(log, "lorc_value_query");
-  ASSERT_GT(job, 0) << dump_with_threads(log);
-  std::vector<LogLine> replies =
-      lines_equal(log, "lorc_onReply(job=" + std::to_string(job) + ")\n");
-  ASSERT_EQ(replies.size(), 1u) << dump_with_threads(log);
-  EXPECT_EQ(replies[0].tid, testsupport::current_tid()) << dump_with_threads(log);
+  EXPECT_EQ(reply_thread(log, "lorc_value_query"), testsupport::current_tid())
+      << dump_with_threads(log);
 }
 
 // With no lead, the caller reads nothing: every reply and key update is
@@ -779,12 +780,7 @@ TEST_F(LeadAcrossBus, WithoutALeadRepliesAreHandledByOtherThreads) {
     EXPECT_TRUE(handled_by_the_client(updates[0].tid))
         << "round " << round << "\n" << dump_with_threads(log);
     for (const char *call : {"lorc_value_set", "lorc_value_query"}) {
-      int job = sync_job(log, call);
-      ASSERT_GT(job, 0) << call << "\n" << dump_with_threads(log);
-      std::vector<LogLine> replies =
-          lines_equal(log, "lorc_onReply(job=" + std::to_string(job) + ")\n");
-      ASSERT_EQ(replies.size(), 1u) << call << "\n" << dump_with_threads(log);
-      EXPECT_TRUE(handled_by_the_client(replies[0].tid))
+      EXPECT_TRUE(handled_by_the_client(reply_thread(log, call)))
           << call << " round " << round << "\n" << dump_with_threads(log);
     }
   }
